@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A map with a bound that forgets what was used least recently.
+#pragma once
+
+#include <functional>
+#include <list>
+#include <mutex>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+// Any thread. Evicted and removed values are destroyed after the mutex is released, so a value's
+// destructor may do I/O (close a descriptor) without holding others up.
+template <typename Key, typename Value, typename Hash = std::hash<Key>>
+class LruCache {
+  public:
+    explicit LruCache(unsigned long limit = 0) : limit_(limit) {}
+
+    // Sets the limit. Entries are dropped, oldest first, while the total is NOT above the old limit,
+    // which empties a cache that keeps its bound: setting the size starts the cache anew.
+    void setSize(unsigned long limit) {
+        std::vector<Value> dropped;
+        std::lock_guard<std::mutex> lock(mutex_);
+        while (!order_.empty() && total_ <= limit_) DropOldest(&dropped);
+        limit_ = limit;
+    }
+
+    // A copy of the value, which becomes the most recently used.
+    bool find(const Key& key, Value* out) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = index_.find(key);
+        if (it == index_.end()) return false;
+        order_.splice(order_.begin(), order_, it->second);
+        *out = it->second->value;
+        return true;
+    }
+
+    // Puts or replaces; `size` counts against the limit. What no longer fits is dropped, oldest
+    // first; a limit of 0 keeps nothing.
+    void insert(const Key& key, Value value, unsigned long size = 1) {
+        std::vector<Value> dropped;
+        std::lock_guard<std::mutex> lock(mutex_);
+        EraseLocked(key, &dropped);
+        order_.push_front(Entry{key, std::move(value), size});
+        index_[key] = order_.begin();
+        total_ += size;
+        while (!order_.empty() && total_ > limit_) DropOldest(&dropped);
+    }
+
+    bool erase(const Key& key) {
+        std::vector<Value> dropped;
+        std::lock_guard<std::mutex> lock(mutex_);
+        return EraseLocked(key, &dropped);
+    }
+
+    // Removes every entry whose key satisfies `match`; the number removed. Linear.
+    template <typename Match>
+    size_t eraseIf(Match match) {
+        std::vector<Value> dropped;
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (auto it = order_.begin(); it != order_.end();) {
+            auto next = std::next(it);
+            if (match(it->key)) {
+                total_ -= it->size;
+                dropped.push_back(std::move(it->value));
+                index_.erase(it->key);
+                order_.erase(it);
+            }
+            it = next;
+        }
+        return dropped.size();
+    }
+
+    size_t count() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return index_.size();
+    }
+    unsigned long total() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return total_;
+    }
+    unsigned long limit() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return limit_;
+    }
+
+  private:
+    struct Entry {
+        Key key;
+        Value value;
+        unsigned long size;
+    };
+
+    // Callers declare `dropped` before taking the lock, so that it dies after the unlock.
+    void DropOldest(std::vector<Value>* dropped) {
+        Entry& oldest = order_.back();
+        total_ -= oldest.size;
+        dropped->push_back(std::move(oldest.value));
+        index_.erase(oldest.key);
+        order_.pop_back();
+    }
+
+    bool EraseLocked(const Key& key, std::vector<Value>* dropped) {
+        auto it = index_.find(key);
+        if (it == index_.end()) return false;
+        total_ -= it->second->size;
+        dropped->push_back(std::move(it->second->value));
+        order_.erase(it->second);
+        index_.erase(it);
+        return true;
+    }
+
+    mutable std::mutex mutex_;
+    // Guarded by mutex_:
+    std::list<Entry> order_;  // most recently used first
+    std::unordered_map<Key, typename std::list<Entry>::iterator, Hash> index_;
+    unsigned long limit_;
+    unsigned long total_ = 0;
+};

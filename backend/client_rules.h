@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Which clients may use a share, and how: the client list of one line of the exports file.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "net/CLuIPAddr.h"
+
+namespace oxel {
+
+// What a matching client gets.
+struct ClientOptions {
+    bool writable = false;    // rw
+    bool rootSquash = true;   // uid 0 and gid 0 become the anonymous ids
+    bool allSquash = false;   // every id becomes anonymous
+    bool secure = true;       // the client's port must be below 1024
+    bool manageGids = false;  // supplementary groups are looked up on this machine
+    uint32_t anonUid = 65534;
+    uint32_t anonGid = 65534;
+    bool operator==(const ClientOptions&) const = default;
+};
+
+// One client of the list. `address` is in the 16-byte mapped form; prefixLength counts in it, so an
+// IPv4 host has 128 and 10.0.0.0/8 has 104. "*" has 0 and matches both families.
+struct ClientRule {
+    std::string text;  // as written: "10.0.0.0/8"
+    unsigned char address[16] = {};
+    unsigned prefixLength = 0;
+    ClientOptions options;
+
+    bool Matches(const XOIPAddr& client) const;
+};
+
+// The rules of one share, most specific first. Constant after construction; any thread.
+class ClientRules {
+  public:
+    ClientRules() = default;
+    explicit ClientRules(std::vector<ClientRule> rules);
+    // The most specific rule whose address matches, whatever its options; null: refused.
+    const ClientRule* Match(const XOIPAddr& client) const;
+    // Whether the client may use the share: a rule matches, and the port is below 1024 where the
+    // rule asks for it.
+    bool Allows(const XOIPAddr& client) const;
+    bool AnyWritable() const;
+    const std::vector<ClientRule>& All() const { return rules_; }
+
+  private:
+    std::vector<ClientRule> rules_;
+};
+
+}  // namespace oxel

@@ -1,0 +1,152 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The record of one call, from the decoding of its arguments until its reply is out, and the pool
+// that such records come from.
+#pragma once
+
+#include <rpc/rpc.h>
+
+#include <cstdint>
+#include <list>
+#include <memory>
+
+#include "backend/Export.h"
+#include "backend/IdInfo.h"
+#include "backend/OxelServiceGlobals.h"
+#include "base/sync.h"
+#include "mount3/mount3types.h"
+#include "nfs3/nfs3types.h"
+
+struct CallInfo3;
+
+// All that is known of one procedure. Row i of a table is procedure i.
+struct ProcedureRow {
+    bool_t (*handler)(CallInfo3*);         // non-zero: send a reply; null: no such procedure
+    void (*getExport)(CallInfo3*);         // resolves the share of the first handle; or null
+    xdrproc_t xdrArguments;
+    xdrproc_t xdrResult;
+    bool_t (*release)(CallInfo3*);         // after the reply; or null
+    const char* name;
+    uint32_t replyBytes;                   // the fixed part of a reply, for the send counter
+};
+
+union CallArguments3 {
+    GETATTR3args getattr;
+    SETATTR3args setattr;
+    LOOKUP3args lookup;
+    ACCESS3args access;
+    READLINK3args readlink;
+    READ3args read;
+    WRITE3args write;
+    CREATE3args create;
+    MKDIR3args mkdir;
+    SYMLINK3args symlink;
+    MKNOD3args mknod;
+    REMOVE3args remove;
+    RMDIR3args rmdir;
+    RENAME3args rename;
+    LINK3args link;
+    READDIR3args readdir;
+    READDIRPLUS3args readdirplus;
+    FSSTAT3args fsstat;
+    FSINFO3args fsinfo;
+    PATHCONF3args pathconf;
+    COMMIT3args commit;
+    MNT3args mnt;
+    UMNT3args umnt;
+};
+
+union CallResult3 {
+    GETATTR3res getattr;
+    SETATTR3res setattr;
+    LOOKUP3res lookup;
+    ACCESS3res access;
+    READLINK3res readlink;
+    READ3res read;
+    WRITE3res write;
+    CREATE3res create;
+    MKDIR3res mkdir;
+    SYMLINK3res symlink;
+    MKNOD3res mknod;
+    REMOVE3res remove;
+    RMDIR3res rmdir;
+    RENAME3res rename;
+    LINK3res link;
+    READDIR3res readdir;
+    READDIRPLUS3res readdirplus;
+    FSSTAT3res fsstat;
+    FSINFO3res fsinfo;
+    PATHCONF3res pathconf;
+    COMMIT3res commit;
+    MNT3res mnt;
+    DUMP3res dump;
+    EXPORT3res exports;
+};
+
+// Belongs to the pool while it is free, else to the one call that it serves; each step of the road
+// of a call has it alone. About 2 MiB, nearly all of it the WRITE data area behind `arguments`.
+struct CallInfo3 {
+    CallInfo3();
+    ~CallInfo3();
+    CallInfo3(const CallInfo3&) = delete;
+    CallInfo3& operator=(const CallInfo3&) = delete;
+
+    // Makes the record ready for another call: no transport, row or share, areas zero. The identity
+    // stays until the dispatcher overwrites it.
+    void Reset();
+    // Zeroes procedure, arguments and result. The WRITE data area needs no clearing: its decoder
+    // zeroes what a handler may look at and the client did not send.
+    void ClearCall();
+    // READ's buffer: at least `bytes` long, kept for the record's later calls. Null when memory is
+    // short. `bytes` is at most NFS3_MAXBUF_SIZE + 1.
+    char* ReadBuffer(uint64_t bytes);
+    // The record's own copy of the machine name, cut to AUTH_UNIX's 255 bytes; points identity there.
+    void SetMachineName(const char* name);
+
+    SVCXPRT* transport = nullptr;        // where the reply goes
+    IdInfo identity;
+    int32_t procedure = 0;
+    CallResult3 result;
+    const ProcedureRow* row = nullptr;
+    ExportPtr exportPtr;                 // the share that the call resolved
+    uint32_t replyBytes = 0;             // payload beyond the row's fixed size
+
+    // The arguments end in the WRITE data area, so they lie in memory of their own.
+    CallArguments3& arguments() { return *arguments_; }
+
+    // The transport copy stays with the record and is re-armed for each call (owned, opaque here).
+    SVCXPRT* transportCopy = nullptr;
+
+  private:
+    CallArguments3* arguments_;
+    uint64_t argumentBytes_;
+    char* readBuffer_ = nullptr;
+    uint64_t readBufferBytes_ = 0;
+    char machineName_[256] = {};
+};
+
+// A blocking free list of records, filled once. Any thread.
+template <typename T>
+class TMemPool {
+  public:
+    TMemPool() : available_(false) {}
+
+    // Adds `count` fresh records. std::bad_alloc passes through.
+    void Init(int count);
+    // Gives a record back. The caller has Reset() it.
+    void Push(T* record);
+    // Takes the record that has been free longest; blocks while there is none: the back-pressure of
+    // the NFS service is that the receive thread stops here.
+    T* Pop();
+
+    size_t Total() const;
+    size_t Free() const;
+
+  private:
+    mutable XoCriticalSectionH lock_;
+    std::list<T*> free_ GUARDED_BY(lock_);
+    size_t total_ GUARDED_BY(lock_) = 0;
+    XoEventH available_;
+};
+
+extern TMemPool<CallInfo3> gCallInfoPool;

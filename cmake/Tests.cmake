@@ -1,0 +1,15 @@
+# SPDX-License-Identifier: Apache-2.0
+# oxel_test(name [TIMEOUT seconds] [LABELS l...] SOURCES s... LIBRARIES l...): one GoogleTest
+# program, one ctest entry. Extra arguments that the program needs go into ENVIRONMENT.
+function(oxel_test name)
+  cmake_parse_arguments(T "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;ENVIRONMENT" ${ARGN})
+  add_executable(${name} ${T_SOURCES})
+  target_link_libraries(${name} PRIVATE ${T_LIBRARIES} GTest::gmock GTest::gtest_main)
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+  add_test(NAME ${name} COMMAND ${name})
+  if(NOT T_TIMEOUT)
+    set(T_TIMEOUT 300)
+  endif()
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${T_TIMEOUT} LABELS "${T_LABELS}"
+    ENVIRONMENT "OXELNFSD=$<TARGET_FILE:oxelnfsd>;OXELCTL=$<TARGET_FILE:oxelctl>;OXEL_SOURCE_DIR=${PROJECT_SOURCE_DIR};${OXEL_TEST_ENVIRONMENT};${T_ENVIRONMENT}")
+endfunction()

@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The file-system module for local directories (module types 1 and 2). Only bin/modules.cpp uses
+// this header; everything else sees the contract.
+#pragma once
+
+#include <string>
+
+#include "backend/exports_file.h"
+#include "backend/types.h"
+
+namespace oxel {
+
+// Reads the key that signs file handles, or makes it at the first start (16 random bytes, mode
+// 0600). Must run before a module or share is made. False with a reason for people in *error.
+bool InitializeHandleKey(const std::string& keyFile, std::string* error);
+
+// The module itself, for one of its two types.
+FSMPtr MakeLocalModule(FSModuleType type);
+
+// One share. Null, with a reason for people in *error, when its directory cannot be opened.
+ExportPtr MakeLocalExport(const ShareConfig& share, std::string* error);
+
+// One line for the log at start: whose rights files are accessed with, and what kind of handles.
+std::string DescribeLocalModule();
+
+}  // namespace oxel
