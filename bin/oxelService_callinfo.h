@@ -21,13 +21,13 @@ struct CallInfo3;
 
 // All that is known of one procedure. Row i of a table is procedure i.
 struct ProcedureRow {
-    bool_t (*handler)(CallInfo3*);         // non-zero: send a reply; null: no such procedure
-    void (*getExport)(CallInfo3*);         // resolves the share of the first handle; or null
+    bool_t (*handler)(CallInfo3*);  // non-zero: send a reply; null: no such procedure
+    void (*getExport)(CallInfo3*);  // resolves the share of the first handle; or null
     xdrproc_t xdrArguments;
     xdrproc_t xdrResult;
-    bool_t (*release)(CallInfo3*);         // after the reply; or null
+    bool_t (*release)(CallInfo3*);  // after the reply; or null
     const char* name;
-    uint32_t replyBytes;                   // the fixed part of a reply, for the send counter
+    uint32_t replyBytes;  // the fixed part of a reply, for the send counter
 };
 
 union CallArguments3 {
@@ -92,34 +92,42 @@ struct CallInfo3 {
     CallInfo3& operator=(const CallInfo3&) = delete;
 
     // Makes the record ready for another call: no transport, row or share, areas zero. The identity
-    // stays until the dispatcher overwrites it.
+    // stays until the dispatcher overwrites it. Throws what ClearCall throws.
     void Reset();
     // Zeroes procedure, arguments and result. The WRITE data area needs no clearing: its decoder
-    // zeroes what a handler may look at and the client did not send.
+    // zeroes what a handler may look at and the client did not send. Makes the area larger when the
+    // transfer size was configured after the record was made; std::bad_alloc when that fails (the
+    // record is zeroed and of its old size then, and must not decode a WRITE).
     void ClearCall();
     // READ's buffer: at least `bytes` long, kept for the record's later calls. Null when memory is
     // short. `bytes` is at most NFS3_MAXBUF_SIZE + 1.
     char* ReadBuffer(uint64_t bytes);
-    // The record's own copy of the machine name, cut to AUTH_UNIX's 255 bytes; points identity there.
+    // The record's own copy of the machine name, cut to AUTH_UNIX's 255 bytes; points identity
+    // there.
     void SetMachineName(const char* name);
 
-    SVCXPRT* transport = nullptr;        // where the reply goes
+    SVCXPRT* transport = nullptr;  // where the reply goes
     IdInfo identity;
     int32_t procedure = 0;
     CallResult3 result;
     const ProcedureRow* row = nullptr;
-    ExportPtr exportPtr;                 // the share that the call resolved
-    uint32_t replyBytes = 0;             // payload beyond the row's fixed size
+    ExportPtr exportPtr;      // the share that the call resolved
+    uint32_t replyBytes = 0;  // payload beyond the row's fixed size
 
     // The arguments end in the WRITE data area, so they lie in memory of their own.
     CallArguments3& arguments() { return *arguments_; }
 
     // The transport copy stays with the record and is re-armed for each call (owned, opaque here).
     SVCXPRT* transportCopy = nullptr;
+    // How the destructor gives the transport copy back. The service layer sets it before the first
+    // record exists; while it is null the copy is left alone.
+    static void (*freeTransportCopy)(SVCXPRT*);
 
   private:
-    CallArguments3* arguments_;
-    uint64_t argumentBytes_;
+    void FitArgumentArea();
+
+    CallArguments3* arguments_ = nullptr;
+    uint64_t argumentBytes_ = 0;
     char* readBuffer_ = nullptr;
     uint64_t readBufferBytes_ = 0;
     char machineName_[256] = {};
@@ -130,23 +138,33 @@ template <typename T>
 class TMemPool {
   public:
     TMemPool() : available_(false) {}
+    // Deletes the records that are free; one that a call still has stays with that call.
+    ~TMemPool();
+    TMemPool(const TMemPool&) = delete;
+    TMemPool& operator=(const TMemPool&) = delete;
 
     // Adds `count` fresh records. std::bad_alloc passes through.
     void Init(int count);
-    // Gives a record back. The caller has Reset() it.
+    // Gives a record back. The caller has Reset() it. Does not allocate for a record that came from
+    // Pop, and wakes nobody unless somebody waits.
     void Push(T* record);
     // Takes the record that has been free longest; blocks while there is none: the back-pressure of
     // the NFS service is that the receive thread stops here.
     T* Pop();
 
+    // Records made by Init, and those of them that are free now.
     size_t Total() const;
     size_t Free() const;
 
   private:
     mutable XoCriticalSectionH lock_;
     std::list<T*> free_ GUARDED_BY(lock_);
+    std::list<T*> spareNodes_ GUARDED_BY(lock_);  // list nodes of records that are out
     size_t total_ GUARDED_BY(lock_) = 0;
+    size_t waiters_ GUARDED_BY(lock_) = 0;
     XoEventH available_;
 };
 
-extern TMemPool<CallInfo3> gCallInfoPool;
+// The NFS service's pool. Never destroyed: worker threads may still give records back while the
+// process ends.
+extern TMemPool<CallInfo3>& gCallInfoPool;
