@@ -1,0 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Registers the file-system modules and the shares of the exports file.
+#pragma once
+
+// False when no share can be served at all because the modules themselves cannot work (the reason
+// is in the log); broken lines of the exports file are logged and skipped.
+bool InitializeFileSystemModules();
