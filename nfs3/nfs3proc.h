@@ -5,6 +5,8 @@
 // result. It returns non-zero: the reply is to be sent. Handlers run on many threads at once.
 #pragma once
 
+#include <dirent.h>
+
 #include <string>
 
 #include "backend/FSM.h"
@@ -20,8 +22,12 @@ extern const ProcedureRow Nfsv3Handlers[kNfs3ProcedureCount];
 // Resolves the share of a handle into `share` unless it is set already; it stays null on failure,
 // which is only logged.
 void GetExport(const nfs_fh3& handle, ExportPtr& share);
+// `forWrite`: whether the procedure modifies.
+inline constexpr bool kForRead = false;
+inline constexpr bool kForWrite = true;
 // Resolves module and share and checks access: NFS3_OK with both set, NFS3ERR_STALE (no module or
-// share), NFS3ERR_ACCES (`forWrite` on a read-only share, or the client is not allowed).
+// share), NFS3ERR_ACCES (`forWrite` on a read-only share, or the client is not allowed). A `share`
+// that is set already is trusted; it stays null when it cannot be resolved.
 nfsstat3 ValidateAndAuthorize(const nfs_fh3& handle, const IdInfo& id, FSMPtr& module,
                               ExportPtr& share, bool forWrite);
 bool IsExportReadOnly(ExportPtr& share);
@@ -48,6 +54,16 @@ int OSStatToWccAttr(OxelCtxt* ctxt, const std::string& path, wcc_attr* out);
 nfsstat3 ApplySattr(OxelCtxt* ctxt, sattr3* attributes, const std::string& path, ftype3 type,
                     bool failOnError, nfstime3* guardCtime);
 void Dumpsattr3(sattr3& attributes);
+
+// ---- Directory entries (nfs3proc_readdir.cpp) ----
+
+// Makes the record of one name of the directory `dir` and hangs it into `link`, whose present flag
+// is the caller's to set; 0, with `link` untouched, when the name has gone meanwhile and is to be
+// skipped. `entry` is read before anything else is asked of the stream. std::bad_alloc leaves
+// `link` untouched too.
+bool_t FSDirEntToNFSDirEnt(OxelCtxt& ctxt, struct dirent* entry, dirlist3* link, BkEndProcPtr dir);
+bool_t FSDirEntToNFSDirEnt(OxelCtxt& ctxt, struct dirent* entry, dirlistplus3* link,
+                           BkEndProcPtr dir);
 
 // ---- Handlers, share getters and releases, one set per procedure ----
 
@@ -98,7 +114,8 @@ bool_t Free_FSSTAT3(CallInfo3* call);
 bool_t Free_FSINFO3(CallInfo3* call);
 bool_t Free_PATHCONF3(CallInfo3* call);
 
-// Failure fillers: store the status, clear the attributes-follow flags of the failure arm, return 1.
+// Failure fillers: store the status, clear the attributes-follow flags of the failure arm,
+// return 1.
 bool_t FillGETATTR3FailRes(GETATTR3res* result, nfsstat3 status);
 bool_t FillSETATTR3FailRes(SETATTR3res* result, nfsstat3 status);
 bool_t FillLOOKUP3FailRes(LOOKUP3res* result, nfsstat3 status);
