@@ -1,0 +1,40 @@
+# SPDX-License-Identifier: Apache-2.0
+# oxelnfsd. `make help` lists what there is; every target installs what it needs and builds first.
+SHELL := /bin/bash
+.SHELLFLAGS := -eu -o pipefail -c
+.DEFAULT_GOAL := help
+.PHONY: help deps build run test asan tsan bench format clean
+
+DIR ?=
+PORT ?=
+
+help: ## List the targets
+	@awk -F':.*## ' '/^[a-z]+:.*## / {printf "  make %-8s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
+
+deps:
+	@scripts/install-packages.sh
+
+build: deps ## Build daemon and oxelctl (build/release/bin)
+	@cmake --preset release >build/configure-release.log || { cat build/configure-release.log; exit 1; }
+	@cmake --build --preset release --target oxelnfsd oxelctl
+
+run: build ## Serve a directory: make run DIR=/some/directory
+	@scripts/run.sh "$(DIR)" "$(PORT)"
+
+test: deps ## Everything: unit, wire and system tests, plain and under the sanitizers
+	@scripts/test.sh release asan tsan
+
+asan: deps ## The tests under the address and undefined-behaviour sanitizers
+	@scripts/test.sh asan
+
+tsan: deps ## The tests under the thread sanitizer
+	@scripts/test.sh tsan
+
+bench: deps ## Measure: server CPU per call, entries per second (docs/benchmarks.md)
+	@scripts/bench.sh
+
+format: ## Format the sources
+	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+clean: ## Remove build/
+	rm -rf build

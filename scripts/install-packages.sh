@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Installs the Debian packages that building, testing and running need; does nothing when they are
+# there. As root, or through sudo.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+mkdir -p build
+
+packages=(
+  build-essential g++ cmake ninja-build pkg-config git
+  libtirpc-dev libtirpc-common libboost-dev libsystemd-dev nlohmann-json3-dev libcli11-dev
+  libsodium-dev
+  # tests and benchmarks
+  libgtest-dev libgmock-dev libbenchmark-dev libnfs-dev rpcbind iproute2 util-linux clang-format
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  [[ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)" == installed ]] ||
+    missing+=("$package")
+done
+[[ ${#missing[@]} -eq 0 ]] && exit 0
+
+as_root=()
+if [[ $EUID -ne 0 ]]; then
+  command -v sudo >/dev/null || {
+    echo "These packages are missing: ${missing[*]}" >&2
+    echo "Install them as root, or install sudo." >&2
+    exit 1
+  }
+  as_root=(sudo)
+fi
+echo "Installing: ${missing[*]}"
+# A freshly installed rpcbind must not be started on the machine of somebody who only builds.
+policy=/usr/sbin/policy-rc.d
+made_policy=
+if ! "${as_root[@]}" test -e "$policy"; then
+  printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" tee "$policy" >/dev/null
+  "${as_root[@]}" chmod 755 "$policy"
+  made_policy=yes
+fi
+trap '[[ -z "$made_policy" ]] || "${as_root[@]}" rm -f "$policy"' EXIT
+if ! { "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q &&
+       "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+         apt-get install -y -q --no-install-recommends "${missing[@]}"; } >build/packages.log 2>&1; then
+  tail -n 20 build/packages.log >&2
+  exit 1
+fi
