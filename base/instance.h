@@ -4,6 +4,8 @@
 // after the network services start.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "base/unique_fd.h"
@@ -27,7 +29,8 @@ int AdvancedInit();
 class XoNamedMutex {
   public:
     explicit XoNamedMutex(const std::string& name);
-    // Blocks until this process has the lock. False with errno when the file cannot be opened.
+    // Blocks until this process has the lock. False with errno when the file cannot be opened, or
+    // EINTR when the process is to stop (oxel::WakeSleepers) while another one has the lock.
     bool lock();
     void unlock();
 
@@ -35,3 +38,11 @@ class XoNamedMutex {
     std::string name_;
     oxel::UniqueFd fd_;
 };
+
+namespace oxel {
+
+// Makes `path` with `mode` (whatever the umask) and what is missing above it with 0755. True when
+// the directory is there already, whatever its mode. False with errno.
+bool MakeDirectories(const std::string& path, mode_t mode);
+
+}  // namespace oxel

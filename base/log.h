@@ -12,6 +12,9 @@
 
 namespace oxel {
 
+// The level under which a sink sees an event-log line.
+inline constexpr int kLogLevelEvent = -2;
+
 // One message as it is about to be written. Pointers are valid during the sink's call only.
 struct LogRecord {
     int level;
@@ -40,8 +43,9 @@ class LogWriter {
     static void Write(int level, const char* function, int line, const char* format, ...)
         __attribute__((format(printf, 4, 5)));
 
-    // An event-log line: "Lev" stands for the level, and the caller's name for the signature.
-    static void WriteEvent(const char* function, const char* text);
+    // An event-log line: "Lev" stands for the level, and the caller's name for the signature. What
+    // is said before the first Open() waits for it. True when the line went to standard error.
+    static bool WriteEvent(const char* function, const char* text);
 
     // Tests see every message through a sink instead of the file; an empty function removes it.
     static void SetSink(std::function<void(const LogRecord&)> sink);
@@ -57,8 +61,8 @@ std::string EscapeControl(const std::string& text, const char* keep = "");
 }  // namespace oxel
 
 // The arguments are evaluated only when the level is on.
-#define OXEL_LOG(level, ...)                                                                    \
-    do {                                                                                        \
-        if (::oxel::LogWriter::Wants(level))                                                    \
-            ::oxel::LogWriter::Write((level), __PRETTY_FUNCTION__, __LINE__, __VA_ARGS__);      \
+#define OXEL_LOG(level, ...)                                                               \
+    do {                                                                                   \
+        if (::oxel::LogWriter::Wants(level))                                               \
+            ::oxel::LogWriter::Write((level), __PRETTY_FUNCTION__, __LINE__, __VA_ARGS__); \
     } while (0)
