@@ -1,0 +1,94 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Measures the release build over loopback: server CPU per call and per directory entry. Three rounds,
+# interleaved; the median of each figure goes to docs/benchmarks.md (nowhere with --dry).
+#   scripts/bench.sh [--dry] [--seconds N]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+dry= seconds=4 rounds=3
+while [[ $# -gt 0 ]]; do
+  case $1 in
+    --dry) dry=yes ;;
+    --seconds) seconds=$2; shift ;;
+    *) echo "usage: scripts/bench.sh [--dry] [--seconds N]" >&2; exit 1 ;;
+  esac
+  shift
+done
+
+mkdir -p build
+cmake --preset release >build/configure-release.log
+cmake --build --preset release --target oxelnfsd oxelctl oxel-load >build/build-release.log
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/oxel-bench.XXXXXX")
+pid=
+cleanup() {
+  [[ -z "$pid" ]] || { kill -TERM "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true; }
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+share=$work/share
+mkdir -p "$share/many" "$work/root/etc/oxelnfsd"
+head -c $((64 << 20)) /dev/urandom >"$share/file"
+(cd "$share/many" && seq -f 'a-file-with-a-name-%06g' 10000 | xargs touch)
+printf '[Oxel]\nnHardened = 1\nnNfs3Port = 0\n' >"$work/root/etc/oxelnfsd/Bench.conf"
+printf '"%s" 127.0.0.1(rw,no_root_squash,insecure)\n' "$share" >"$work/root/etc/oxelnfsd/Bench.exports"
+
+export OXEL_ROOT=$work/root
+build/release/bin/oxelnfsd -cn bench -vm Bench -no_pm_reg 2>"$work/stderr" &
+pid=$!
+port=
+for _ in $(seq 100); do
+  port=$(sed -n 's/^MountServerPort_v4 *= *//p' "$work/root/run/oxelnfsd/Bench/runtime.conf" 2>/dev/null || true)
+  [[ -n "$port" ]] && break
+  sleep 0.1
+done
+[[ -n "$port" ]] || { cat "$work/stderr" >&2; exit 1; }
+
+load() { build/release/bin/oxel-load --json --port "$port" --share "$share" --server-pid "$pid" --seconds "$seconds" "$@"; }
+for _ in $(seq "$rounds"); do
+  load --op null --connections 8 --depth 8 >>"$work/null"
+  load --op getattr --file file --connections 8 --depth 8 >>"$work/getattr"
+  load --op getattr --file file --connections 1 --depth 1 >>"$work/getattr-single"
+  load --op read --file file --bytes 65536 --connections 4 --depth 4 >>"$work/read"
+  load --op readdirplus --file many --bytes 65536 --connections 1 >>"$work/readdirplus"
+done
+
+# median FILE FIELD: the middle one of the rounds, with two digits.
+median() {
+  sed -n "s/.*\"$2\":\([0-9.e+]*\).*/\1/p" "$work/$1" | sort -g | sed -n "$(((rounds + 1) / 2))p" |
+    xargs printf '%.2f'
+}
+row() { # label file extra-field extra-unit
+  local extra=${3:+$(median "$2" "$3") $4}
+  printf '| %s | %s | %s | %s | %s | %s |\n' "$1" "$(median "$2" callsPerSecond)" \
+    "$(median "$2" serverCpuUsPerCall)" "$(median "$2" p50us)" "$(median "$2" p99us)" "$extra"
+}
+table() {
+  echo '| load | calls/s | server CPU per call, us | p50 us | p99 us | |'
+  echo '|---|---|---|---|---|---|'
+  row 'NULL, 8 connections x depth 8' null
+  row 'GETATTR, 8 connections x depth 8' getattr
+  row 'GETATTR, 1 connection x depth 1' getattr-single
+  row 'READ 64 KiB, 4 connections x depth 4' read mibPerSecond MiB/s
+  row 'READDIRPLUS 64 KiB pages, 10,000 names' readdirplus entriesPerSecond 'entries/s'
+}
+if [[ -n "$dry" ]]; then
+  table
+  exit 0
+fi
+{
+  echo '# Benchmarks'
+  echo
+  echo 'Written by `make bench`: the release build over loopback, load generator and server on one'
+  echo 'machine, raw pipelined calls (`bench/oxel_load.cpp`), every status checked. Medians of'
+  echo "$rounds interleaved rounds of $seconds s. The machine is small and shared: read the CPU column,"
+  echo 'which suffers least from neighbours.'
+  echo
+  echo "- commit: $(git rev-parse --short HEAD 2>/dev/null || echo unknown)"
+  echo "- machine: $(nproc) cores, $(sed -n 's/^model name[^:]*: //p' /proc/cpuinfo | head -n 1), Linux $(uname -r)"
+  echo "- date: $(date -u +%F)"
+  echo
+  table
+} | tee docs/benchmarks.md
