@@ -5,6 +5,7 @@
 
 #include <boost/unordered_map.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "backend/types.h"
@@ -26,6 +27,8 @@ class ExportCache {
 
     // Remembers that `client` (address text) mounted the share now; SaveToDisk writes it.
     void RecordMount(unsigned int shareId, const std::string& client);
+    // The clients that mounted the share with the time (seconds since the epoch) of the last mount.
+    std::vector<std::pair<std::string, long>> Mounts(unsigned int shareId);
     // Reads what an earlier process saved (last access, mounts) into the shares in the cache.
     void LoadFromDisk();
     // Persists last access and mounts per share into registry.json (temporary file, fsync, rename).

@@ -29,6 +29,8 @@ struct ClientRule {
     std::string text;  // as written: "10.0.0.0/8"
     unsigned char address[16] = {};
     unsigned prefixLength = 0;
+    bool network = false;  // written with a "/"; a plain address of the same length goes first
+    bool v6Only = false;   // an IPv6 network: ::/0 is not meant to let IPv4 clients in
     ClientOptions options;
 
     bool Matches(const XOIPAddr& client) const;

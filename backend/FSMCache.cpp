@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The registry of file-system modules. Every call looks its module up here, so a look-up is a
+// shared lock and one probe of a small map.
+#include "backend/FSMCache.h"
+
+#include <map>
+#include <mutex>
+#include <shared_mutex>
+
+#include "backend/FSM.h"
+
+namespace {
+
+struct Registry {
+    std::shared_mutex mutex;
+    std::map<FSModuleType, FSMPtr> modules;  // guarded by mutex
+};
+
+// Never destroyed: worker threads may still look up while the process ends.
+Registry& TheRegistry() {
+    static Registry* registry = new Registry;
+    return *registry;
+}
+
+}  // namespace
+
+bool FSMCache::GetFSM(FSModuleType type, FSMPtr& module) {
+    Registry& registry = TheRegistry();
+    std::shared_lock<std::shared_mutex> lock(registry.mutex);
+    auto it = registry.modules.find(type);
+    if (it == registry.modules.end()) return false;
+    module = it->second;
+    return true;
+}
+
+void FSMCache::SetFSM(FSModuleType type, FSMPtr module) {
+    Registry& registry = TheRegistry();
+    // The module that goes is released after the lock: its destructor is not ours to know.
+    std::unique_lock<std::shared_mutex> lock(registry.mutex);
+    if (module) {
+        registry.modules[type].swap(module);
+    } else if (auto it = registry.modules.find(type); it != registry.modules.end()) {
+        module.swap(it->second);
+        registry.modules.erase(it);
+    }
+    lock.unlock();
+}
