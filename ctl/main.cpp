@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// oxelctl: the administrator's tool. Reads the command line and hands over to the verb.
+#include <strings.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "base/log.h"
+#include "base/store.h"
+#include "ctl/verbs.h"
+
+namespace {
+
+using oxel::ctl::ExitCode;
+using oxel::ctl::Settings;
+
+// Shows the instance option as it is typed: with one dash, like the daemon's.
+class HelpText : public CLI::Formatter {
+  public:
+    std::string make_option_name(const CLI::Option* option, bool positional) const override {
+        const std::string name = CLI::Formatter::make_option_name(option, positional);
+        return name == "--vm" ? "-vm" : name;
+    }
+};
+
+std::string CheckInstance(const std::string& name) {
+    if (oxel::IsValidInstanceName(name)) return "";
+    return "an instance name has 1 to 64 bytes, no '/' and no control characters";
+}
+
+int Usage(const std::string& what) {
+    fprintf(stderr, "oxelctl: %s\nRun \"oxelctl --help\" for more information.\n", what.c_str());
+    return oxel::ctl::kUsage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Settings settings;
+    // The parser knows words behind two dashes only, so "-vm NAME" is taken out before it looks.
+    const int given = argc;
+    const VMArgsAdjust adjusted(argc, argv, true);
+    if (argc != given) settings.instance = VMArgsAdjust::getName();
+    if (argc > 1 && strcasecmp(argv[argc - 1], "-vm") == 0)
+        return Usage("an instance name must follow " + std::string(argv[argc - 1]));
+    if (const std::string fault = CheckInstance(settings.instance); !fault.empty())
+        return Usage(fault);
+
+    ExitCode result = oxel::ctl::kDone;
+    CLI::App app("Looks at a running oxelnfsd and tells it what to do.", "oxelctl");
+    const auto help = std::make_shared<HelpText>();
+    help->label("SUBCOMMAND", "VERB");
+    app.formatter(help);
+    app.require_subcommand(1);
+    app.add_option("--vm", settings.instance, "The daemon's instance name")
+        ->type_name("INSTANCE")
+        ->default_str("Instance001")
+        ->check(CheckInstance);
+    app.add_flag("--json", settings.json, "Answer in JSON, for programs");
+    app.footer("Exit code: 0 done, 1 the daemon said no, 2 usage, 3 no daemon answers.");
+
+    const auto verb = [&](const char* name, const char* help, ExitCode (*run)(const Settings&)) {
+        CLI::App* command = app.add_subcommand(name, help);
+        command->group("Verbs");
+        command->fallthrough();  // -vm and --json may stand behind the verb
+        command->callback([&result, &settings, run] { result = run(settings); });
+        return command;
+    };
+    verb("status", "Shows what the daemon is doing", oxel::ctl::Status);
+    verb("perf", "Writes the performance counters to the daemon's log", oxel::ctl::Perf);
+    verb("log-level", "Shows or sets the level of the daemon's log", oxel::ctl::LogLevel)
+        ->add_option("N", settings.level, "0 (errors and warnings) to 4 (everything)")
+        ->check(CLI::Range(0, 4));
+    verb("start-network", "Has the daemon start its network services now", oxel::ctl::StartNetwork)
+        ->add_flag("--register", settings.registerPortMapper,
+                   "Also register them with the port mapper");
+    verb("stop", "Ends the daemon", oxel::ctl::Stop);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& success) {
+        return app.exit(success);  // --help
+    } catch (const CLI::RequiredError&) {
+        const std::vector<std::string> unknown = app.remaining();
+        return Usage(unknown.empty() ? "what is to be done?"
+                                     : "no such verb: " + oxel::EscapeControl(unknown.front()));
+    } catch (const CLI::ParseError& error) {
+        return Usage(oxel::EscapeControl(error.what()));
+    } catch (const std::exception& exception) {
+        fprintf(stderr, "oxelctl: %s\n", exception.what());
+        return oxel::ctl::kNoDaemon;
+    }
+    return result;
+}

@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Tables and values for people.
+#include "ctl/output.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+
+#include "base/log.h"
+
+namespace oxel::ctl {
+
+using nlohmann::json;
+
+void PrintTable(const Rows& rows) {
+    size_t width = 0;
+    for (const auto& [what, value] : rows) width = std::max(width, what.size());
+    for (const auto& [what, value] : rows)
+        printf("%-*s  %s\n", static_cast<int>(width), what.c_str(), value.c_str());
+}
+
+std::string Shown(const json& object, const char* member) {
+    const auto found = object.find(member);
+    if (found == object.end() || found->is_null()) return "-";
+    if (found->is_boolean()) return found->get<bool>() ? "yes" : "no";
+    if (found->is_string()) return EscapeControl(found->get<std::string>());
+    return EscapeControl(found->dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
+std::string ShownDuration(const json& object, const char* member) {
+    const auto found = object.find(member);
+    if (found == object.end() || !found->is_number_integer() || *found < 0) return "-";
+    const uint64_t seconds = found->get<uint64_t>();
+    const uint64_t days = seconds / 86400;
+    char clock[16];
+    snprintf(clock, sizeof clock, "%02u:%02u:%02u", static_cast<unsigned>(seconds / 3600 % 24),
+             static_cast<unsigned>(seconds / 60 % 60), static_cast<unsigned>(seconds % 60));
+    if (days == 0) return clock;
+    return std::to_string(days) + (days == 1 ? " day " : " days ") + clock;
+}
+
+}  // namespace oxel::ctl

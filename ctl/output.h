@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// How oxelctl shows what a daemon answered: tables for people, tolerant of members that an older or
+// newer daemon leaves out or spells otherwise.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace oxel::ctl {
+
+// Left column: what; right column: its value.
+using Rows = std::vector<std::pair<std::string, std::string>>;
+
+// Two aligned columns on standard output.
+void PrintTable(const Rows& rows);
+
+// The member's value as a person reads it: text without quotes, yes and no, "-" when it is missing.
+// Control characters are escaped.
+std::string Shown(const nlohmann::json& object, const char* member);
+
+// "3 days 04:05:06"; "-" when it is not a number of seconds.
+std::string ShownDuration(const nlohmann::json& object, const char* member);
+
+}  // namespace oxel::ctl

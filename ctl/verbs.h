@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What oxelctl can ask a daemon for.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace oxel::ctl {
+
+// Exit codes; scripts rely on them.
+enum ExitCode : int {
+    kDone = 0,
+    kRefused = 1,  // the daemon said no
+    kUsage = 2,
+    kNoDaemon = 3,  // no daemon answers
+};
+
+// What the command line says beside the verb.
+struct Settings {
+    std::string instance = "Instance001";
+    bool json = false;
+    std::optional<int> level;         // log-level
+    bool registerPortMapper = false;  // start-network
+};
+
+// Each makes one request, prints the answer and says how it went.
+ExitCode Status(const Settings& settings);
+ExitCode Perf(const Settings& settings);
+ExitCode LogLevel(const Settings& settings);
+ExitCode StartNetwork(const Settings& settings);
+ExitCode Stop(const Settings& settings);
+
+}  // namespace oxel::ctl
