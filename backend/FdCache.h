@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
@@ -15,8 +16,8 @@
 #include "base/sync.h"
 #include "base/unique_fd.h"
 
-// One kept descriptor: what it is open on, how, and with whose rights it was opened. Descriptors are
-// never shared between callers whose rights differ.
+// One kept descriptor: what it is open on, how, and with whose rights it was opened. Descriptors
+// are never shared between callers whose rights differ.
 struct CacheKey {
     uint64_t device;
     uint64_t inode;
@@ -34,8 +35,9 @@ struct std::hash<CacheKey> {
 
 // Closed when the last holder lets go: the cache, or a call that uses it.
 struct CachedFdItem {
-    explicit CachedFdItem(int descriptor) : fd(descriptor) {}
+    explicit CachedFdItem(oxel::UniqueFd descriptor) : fd(std::move(descriptor)) {}
     oxel::UniqueFd fd;
+    std::atomic<int64_t> usedMs{0};  // of a clock that never goes back
 };
 
 // Any thread. Bounded by the capacity; descriptors in use by a call stay open past eviction until
@@ -58,9 +60,14 @@ class FdCache {
     void Forget(uint64_t device, uint64_t inode);
     // Forgets everything (EMFILE: room for what cannot be opened otherwise).
     void Clear();
+    // Forgets what no call has used for that long: the blocks of a removed file stay allocated
+    // while it is open.
+    void ForgetIdle(unsigned idleMs);
     size_t Count() const;
 
   private:
+    int Use(const std::shared_ptr<CachedFdItem>& item) REQUIRES(section_);
+
     mutable XoCriticalSection section_;
     int capacity_ GUARDED_BY(section_) = 0;
     unsigned long entries_ GUARDED_BY(section_) = 0;  // descriptors added since Init

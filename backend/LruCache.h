@@ -17,8 +17,8 @@ class LruCache {
   public:
     explicit LruCache(unsigned long limit = 0) : limit_(limit) {}
 
-    // Sets the limit. Entries are dropped, oldest first, while the total is NOT above the old limit,
-    // which empties a cache that keeps its bound: setting the size starts the cache anew.
+    // Sets the limit. Entries are dropped, oldest first, while the total is NOT above the old
+    // limit, which empties a cache that keeps its bound: setting the size starts the cache anew.
     void setSize(unsigned long limit) {
         std::vector<Value> dropped;
         std::lock_guard<std::mutex> lock(mutex_);
@@ -37,9 +37,12 @@ class LruCache {
     }
 
     // Puts or replaces; `size` counts against the limit. What no longer fits is dropped, oldest
-    // first; a limit of 0 keeps nothing.
-    void insert(const Key& key, Value value, unsigned long size = 1) {
-        std::vector<Value> dropped;
+    // first; a limit of 0 keeps nothing. A caller that holds a lock of its own takes what was
+    // dropped through `out` and lets it die later.
+    void insert(const Key& key, Value value, unsigned long size = 1,
+                std::vector<Value>* out = nullptr) {
+        std::vector<Value> own;
+        std::vector<Value>& dropped = out != nullptr ? *out : own;
         std::lock_guard<std::mutex> lock(mutex_);
         EraseLocked(key, &dropped);
         order_.push_front(Entry{key, std::move(value), size});
@@ -54,14 +57,14 @@ class LruCache {
         return EraseLocked(key, &dropped);
     }
 
-    // Removes every entry whose key satisfies `match`; the number removed. Linear.
+    // Removes every entry for which `match(key, value)` holds; the number removed. Linear.
     template <typename Match>
     size_t eraseIf(Match match) {
         std::vector<Value> dropped;
         std::lock_guard<std::mutex> lock(mutex_);
         for (auto it = order_.begin(); it != order_.end();) {
             auto next = std::next(it);
-            if (match(it->key)) {
+            if (match(it->key, it->value)) {
                 total_ -= it->size;
                 dropped.push_back(std::move(it->value));
                 index_.erase(it->key);
@@ -70,6 +73,13 @@ class LruCache {
             it = next;
         }
         return dropped.size();
+    }
+
+    // Removes the `number` entries that were used least recently, or all there are.
+    void eraseOldest(size_t number) {
+        std::vector<Value> dropped;
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (; number > 0 && !order_.empty(); --number) DropOldest(&dropped);
     }
 
     size_t count() const {

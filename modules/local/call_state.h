@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What a thread remembers of the call it is handling: attributes that were read to find an object,
+// so that the handler's first question for them costs nothing, and which object a path belongs to.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
+#include <cstdint>
+#include <string>
+
+namespace oxel::local {
+
+class FileNode;
+class LocalObject;
+class ShareRoot;
+
+// One per thread. A handler resolves its handles first and then works on the objects, so the next
+// resolution after other operations begins a new call and forgets the old one.
+class CallState {
+  public:
+    static CallState& Get();
+
+    // `object` was found by its handle, or by its name; *st is what it is now.
+    void Resolved(const boost::shared_ptr<LocalObject>& object, const struct stat& st);
+    void Found(const boost::shared_ptr<LocalObject>& object, const struct stat& st);
+    // An operation other than a resolution begins.
+    void OperationStarts() { resolving_ = false; }
+
+    // The attributes that were read when the object was found, once. False when there are none.
+    bool TakeStat(const FileNode& node, struct stat* out);
+    // Something is about to be modified: attributes read so far may not be used any more.
+    void ForgetStats();
+    // The object of the running call that has this path, or null.
+    boost::shared_ptr<LocalObject> ByPath(const ShareRoot& share, const std::string& path);
+
+  private:
+    struct Slot {
+        uint64_t node = 0;  // FileNode::Serial, 0 for none
+        // Weak, so that an idle thread keeps no descriptor open.
+        boost::weak_ptr<LocalObject> object;
+        struct stat st;
+        bool fresh = false;
+    };
+    void Fill(Slot* slot, const boost::shared_ptr<LocalObject>& object, const struct stat& st);
+
+    // Two objects by handle (RENAME's directories, LINK's file and directory), and the last one by
+    // name.
+    static constexpr int kResolved = 2, kSlots = 3;
+    Slot slots_[kSlots];
+    int next_ = 0;
+    bool resolving_ = false;
+};
+
+}  // namespace oxel::local

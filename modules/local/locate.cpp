@@ -1,0 +1,157 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Finding and verifying an object's place.
+#include "modules/local/locate.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+#include "modules/local/caller_rights.h"
+#include "modules/local/kernel_handle.h"
+#include "modules/local/syscalls.h"
+#include "modules/local/tree_search.h"
+
+namespace oxel::local {
+namespace {
+
+// For this long a search that found nothing is not repeated for an object that has not changed.
+constexpr int64_t kMissingMs = 60 * 1000;
+constexpr int kDepthMax = PATH_MAX / 2;
+
+// Whether the path leads to the very object: what the kernel says about a path may be outdated, or
+// be counted from another place than this process's root.
+bool LeadsTo(ShareRoot& share, const std::string& relative, const struct stat& st, UniqueFd* fd) {
+    UniqueFd there = OpenInside(share.Fd(), relative.c_str());
+    struct stat found;
+    if (!there || fstat(there.Get(), &found) != 0) return false;
+    if (found.st_ino != st.st_ino || found.st_dev != st.st_dev) return false;
+    if (fd != nullptr) *fd = std::move(there);
+    return true;
+}
+
+bool LeadsTo(ShareRoot& share, const std::string& relative, const InodeIdentity& wanted,
+             UniqueFd* fd) {
+    UniqueFd there = OpenInside(share.Fd(), relative.c_str());
+    struct stat st;
+    InodeIdentity found;
+    if (!there || StatWithBirth(there.Get(), &st, &found) != 0) return false;
+    if (st.st_dev != share.Device() || found != wanted) return false;
+    *fd = std::move(there);
+    return true;
+}
+
+// The path below the share's root of a directory of a share with kernel handles.
+bool DirectoryPath(ShareRoot& share, const std::string& body, std::string* relative) {
+    if (body == share.Body()) {
+        relative->clear();
+        return true;
+    }
+    UniqueFd directory = OpenKernelHandle(share.Fd(), body);
+    std::string path;
+    return directory && PathOfFd(directory.Get(), &path) && share.RelativePath(path, relative);
+}
+
+// The same through remembered places, each of which may be outdated; the caller verifies.
+bool PlacePath(ShareRoot& share, uint64_t inode, std::string* relative) {
+    relative->clear();
+    for (int depth = 0; depth < kDepthMax; ++depth) {
+        if (inode == share.Inode()) return true;
+        InodePlace place;
+        InodeIdentity parent;
+        if (!share.Places().Find(inode, &place)) return false;
+        if (!DecodeInodeBody(place.parent, &parent)) return false;
+        *relative = relative->empty() ? place.name : place.name + "/" + *relative;
+        inode = parent.inode;
+    }
+    return false;
+}
+
+bool FromHint(ShareRoot& share, const struct stat& st, Location* location) {
+    InodePlace place;
+    std::string directory;
+    if (!share.Places().Find(st.st_ino, &place)) return false;
+    if (!DirectoryPath(share, place.parent, &directory)) return false;
+    const std::string relative = directory.empty() ? place.name : directory + "/" + place.name;
+    if (!LeadsTo(share, relative, st, &location->fd)) return false;
+    location->path = share.FullPath(relative);
+    return true;
+}
+
+// Whether a search for the object has failed lately and nothing has changed since.
+bool KnownMissing(ShareRoot& share, const std::string& body, int64_t changeTime) {
+    ShareRoot::Missing missing;
+    return share.NotFound().find(body, &missing) && missing.changeTime == changeTime &&
+           NowMs() - missing.atMs < kMissingMs;
+}
+
+// A file with one name whose name lies outside the share is outside; one with several names, or
+// whose place the kernel does not know, may still be inside.
+bool MayBeElsewhere(const std::string& path, const struct stat& st) {
+    if (S_ISDIR(st.st_mode)) return false;
+    if (st.st_nlink > 1 || path == "/") return true;
+    constexpr std::string_view kDeleted = " (deleted)";
+    return path.size() > kDeleted.size() &&
+           path.compare(path.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0;
+}
+
+}  // namespace
+
+bool Locate(ShareRoot& share, int fd, const struct stat& st, std::string_view body,
+            Location* location) {
+    BecomeOwn();
+    std::string path, relative;
+    // Twice, because a rename can come between the kernel's answer and its verification.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (!PathOfFd(fd, &path)) break;
+        if (!share.RelativePath(path, &relative)) break;
+        if (relative.empty() ? share.IsRoot(st) : LeadsTo(share, relative, st, nullptr)) {
+            location->path = relative.empty() ? path : share.FullPath(relative);
+            return true;
+        }
+    }
+    if (!MayBeElsewhere(path, st)) return false;
+    if (FromHint(share, st, location)) return true;
+
+    const std::string key(body);
+    if (KnownMissing(share, key, ChangeTime(st))) return false;
+    std::lock_guard<std::mutex> lock(share.SearchMutex());
+    if (FromHint(share, st, location)) return true;  // another thread's search passed it
+    const auto isIt = [&](int found) {
+        struct stat other;
+        return fstat(found, &other) == 0 && other.st_ino == st.st_ino && other.st_dev == st.st_dev;
+    };
+    if (SearchTree(share, st.st_ino, isIt, &relative, &location->fd)) {
+        location->path = share.FullPath(relative);
+        return true;
+    }
+    share.NotFound().insert(key, {ChangeTime(st), NowMs()});
+    return false;
+}
+
+bool LocateInode(ShareRoot& share, std::string_view body, Location* location) {
+    InodeIdentity wanted;
+    if (!DecodeInodeBody(body, &wanted)) return false;
+    BecomeOwn();
+    std::string relative;
+    const auto fromPlaces = [&] {
+        return PlacePath(share, wanted.inode, &relative) && !relative.empty() &&
+               LeadsTo(share, relative, wanted, &location->fd);
+    };
+    bool found = fromPlaces();
+    const std::string key(body);
+    if (!found && !KnownMissing(share, key, 0)) {
+        std::lock_guard<std::mutex> lock(share.SearchMutex());
+        const auto isIt = [&](int fd) {
+            struct stat st;
+            InodeIdentity identity;
+            return StatWithBirth(fd, &st, &identity) == 0 && identity == wanted;
+        };
+        found = fromPlaces() || SearchTree(share, wanted.inode, isIt, &relative, &location->fd);
+        if (!found) share.NotFound().insert(key, {0, NowMs()});
+    }
+    if (found) location->path = share.FullPath(relative);
+    return found;
+}
+
+}  // namespace oxel::local

@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Attributes of objects: reading, checking access, changing.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "backend/FdCache.h"
+#include "modules/local/call_state.h"
+#include "modules/local/object.h"
+#include "modules/local/syscalls.h"
+
+namespace oxel::local {
+
+// A stat by handle needs no rights: whoever has the handle has been given it.
+int LocalObject::Stat(OxelCtxt* ctxt, const std::string& path, struct stat* out) {
+    return On(ctxt, path, -1, [&](LocalObject& object) { return object.StatSelf(out); });
+}
+
+int LocalObject::StatSelf(struct stat* out) {
+    if (CallState::Get().TakeStat(*node_, out)) return 0;
+    struct stat st;
+    if (fstat(node_->Fd(), &st) != 0) return -1;
+    node_->Saw(st);
+    *out = st;
+    return 0;
+}
+
+int LocalObject::Access(OxelCtxt* ctxt, const std::string& path, int mode) {
+    return On(ctxt, path, -1, [&](LocalObject& object) { return object.AccessSelf(ctxt, mode); });
+}
+
+int LocalObject::AccessSelf(OxelCtxt* ctxt, int mode) {
+    const auto need = (mode & W_OK) != 0 ? CallerRights::Need::kModify : CallerRights::Need::kRead;
+    const CallerRights rights(ctxt, *this, need);
+    if (!rights || !rights.Become()) return -1;
+    return AccessFd(node_->Fd(), mode);
+}
+
+void LocalObject::Changing() {
+    CallState::Get().ForgetStats();
+}
+
+void LocalObject::AccessChanged() {
+    gFdCache.Forget(node_->Device(), node_->Inode());
+    struct stat st;
+    if (fstat(node_->Fd(), &st) == 0) node_->Saw(st);
+}
+
+int LocalObject::Chmod(OxelCtxt* ctxt, const std::string& path, mode_t mode) {
+    return On(ctxt, path, -1, [&](LocalObject& object) { return object.ChmodSelf(ctxt, mode); });
+}
+
+int LocalObject::ChmodSelf(OxelCtxt* ctxt, mode_t mode) {
+    const CallerRights rights(ctxt, *this, CallerRights::Need::kModify);
+    if (!rights || !rights.Become()) return -1;
+    // Clients send a mode with SYMLINK; a symbolic link has none that means anything.
+    if (node_->Type() == S_IFLNK) return 0;
+    Changing();
+    if (chmod(ProcPath(node_->Fd()).Get(), mode & 07777) != 0) return -1;
+    AccessChanged();
+    return 0;
+}
+
+int LocalObject::Chown(OxelCtxt* ctxt, const std::string& path, uid_t uid, gid_t gid) {
+    return On(ctxt, path, -1,
+              [&](LocalObject& object) { return object.ChownSelf(ctxt, uid, gid); });
+}
+
+int LocalObject::ChownSelf(OxelCtxt* ctxt, uid_t uid, gid_t gid) {
+    const CallerRights rights(ctxt, *this, CallerRights::Need::kModify);
+    if (!rights || !rights.Become()) return -1;
+    // A new object is given to its caller under the ids that came with the call, which are not the
+    // ones he acts with when he is squashed or when the server has but one user.
+    rights.MapOwnIds(&uid, &gid);
+    Changing();
+    if (fchownat(node_->Fd(), "", uid, gid, AT_EMPTY_PATH) != 0) return -1;
+    AccessChanged();
+    return 0;
+}
+
+int LocalObject::SetTimes(OxelCtxt* ctxt, const std::string& path, const struct timeval& accessTime,
+                          const struct timeval& modificationTime) {
+    return On(ctxt, path, -1, [&](LocalObject& object) {
+        const struct timespec times[2] = {
+            {accessTime.tv_sec, accessTime.tv_usec * 1000},
+            {modificationTime.tv_sec, modificationTime.tv_usec * 1000}};
+        return object.SetTimesSelf(ctxt, times);
+    });
+}
+
+namespace {
+
+bool IsNow(const struct timespec& time) {
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return std::llabs(int64_t{now.tv_sec} - time.tv_sec) <= 1;
+}
+
+}  // namespace
+
+int LocalObject::SetTimesSelf(OxelCtxt* ctxt, const struct timespec (&times)[2]) {
+    const CallerRights rights(ctxt, *this, CallerRights::Need::kModify);
+    if (!rights || !rights.Become()) return -1;
+    Changing();
+    if (utimensat(node_->Fd(), "", times, AT_EMPTY_PATH) == 0) return 0;
+    // Whoever may write a file may set its times to now, though only the owner may set others; here
+    // "now" arrives as a number like any other.
+    if (errno != EPERM || !IsNow(times[0]) || !IsNow(times[1])) return -1;
+    const struct timespec now[2] = {{0, UTIME_NOW}, {0, UTIME_NOW}};
+    return utimensat(node_->Fd(), "", now, AT_EMPTY_PATH);
+}
+
+long LocalObject::PathConf(OxelCtxt* ctxt, const std::string& path, int name) {
+    return On(ctxt, path, -1l,
+              [&](LocalObject& object) { return fpathconf(object.node_->Fd(), name); });
+}
+
+int LocalObject::StatFs(OxelCtxt* ctxt, const std::string& path, struct statfs* out) {
+    errno = EIO;
+    const int result =
+        On(ctxt, path, -1, [&](LocalObject& object) { return fstatfs(object.node_->Fd(), out); });
+    return result == 0 ? 0 : errno;
+}
+
+}  // namespace oxel::local

@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Finding objects by name: children, parents, and what symbolic links say.
+#include <fcntl.h>
+#include <limits.h>
+#include <unistd.h>
+
+#include "modules/local/call_state.h"
+#include "modules/local/local_export.h"
+#include "modules/local/object.h"
+#include "modules/local/object_cache.h"
+#include "modules/local/syscalls.h"
+
+namespace oxel::local {
+namespace {
+
+// What the kernel answers for a name that is not the name of a directory entry. 0 when it may be.
+int NameError(const std::string& name) {
+    if (name.empty()) return ENOENT;
+    if (name.size() > NAME_MAX) return ENAMETOOLONG;
+    if (name.find_first_of(std::string_view("/\0", 2)) != std::string::npos) return EACCES;
+    return 0;
+}
+
+}  // namespace
+
+BkEndProcPtr LocalObject::FindChild(OxelCtxt* ctxt, const std::string& name) {
+    return Guarded(BkEndProcPtr(), [&]() -> BkEndProcPtr {
+        Ptr child = Child(ctxt, name);
+        // SYMLINK answers with this when the name exists.
+        if (child) errno = EEXIST;
+        return child;
+    });
+}
+
+boost::shared_ptr<LocalObject> LocalObject::Child(OxelCtxt* ctxt, const std::string& name) {
+    const CallerRights rights(ctxt, *this, CallerRights::Need::kRead);
+    if (!rights) return nullptr;
+    if (node_->Type() != S_IFDIR) {
+        errno = ENOTDIR;
+        return nullptr;
+    }
+    if ((errno = NameError(name)) != 0) return nullptr;
+    if (!rights.Become()) return nullptr;
+    if (name == "." || name == "..") {
+        if (AccessFd(node_->Fd(), X_OK) != 0) return nullptr;
+        if (name == "." || IsShareRoot()) return shared_from_this();
+        return Parent(ctxt, rights);
+    }
+    struct stat st;
+    Ptr child = ChildUnchecked(name, &st);
+    if (child) CallState::Get().Found(child, st);
+    return child;
+}
+
+// `name` can be the name of an entry, and the thread has the rights of the caller.
+boost::shared_ptr<LocalObject> LocalObject::ChildUnchecked(const std::string& name,
+                                                           struct stat* st) {
+    std::string path;
+    path.reserve(path_.size() + 1 + name.size());
+    path += path_;
+    if (path.back() != '/') path += '/';
+    path += name;
+    if (path.size() >= PATH_MAX) {
+        errno = ENAMETOOLONG;  // as for a local caller; the kernel could not tell such a path
+        return nullptr;
+    }
+    UniqueFd fd = OpenInside(node_->Fd(), name.c_str());
+    if (!fd) return nullptr;
+    Ptr child = FromFd(share_, std::move(fd), std::move(path), st);
+    if (!child) return nullptr;
+    // The kernel can always tell the path of a directory that it has a handle of.
+    if (share_->Kind() == HandleKind::kInode || child->node_->Type() != S_IFDIR) {
+        share_->Places().Put(child->node_->Inode(), {std::string(node_->Id().Body()), name});
+    }
+    ObjectCache::Instance().Put(child);
+    return child;
+}
+
+BkEndProcPtr LocalObject::GetParent(OxelCtxt* ctxt) {
+    return Guarded(BkEndProcPtr(), [&]() -> BkEndProcPtr {
+        errno = 0;
+        if (IsShareRoot()) return nullptr;
+        const CallerRights rights(ctxt, *this, CallerRights::Need::kRead);
+        if (!rights || !rights.Become()) return nullptr;
+        if (node_->Type() == S_IFDIR) return Parent(ctxt, rights);
+        const size_t slash = path_.find_last_of('/');
+        return ObjectAt(ctxt, slash == 0 ? "/" : path_.substr(0, slash));
+    });
+}
+
+// This object is a directory and not the share's root.
+boost::shared_ptr<LocalObject> LocalObject::Parent(OxelCtxt*, const CallerRights& rights) {
+    UniqueFd fd = OpenMakingRoom(
+        [&] { return openat(node_->Fd(), "..", O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); });
+    struct stat st;
+    std::string path, relative;
+    if (!fd || fstat(fd.Get(), &st) != 0) return nullptr;
+    if (share_->IsRoot(st)) return rights.Share().RootObject();
+    // The directory may just have been moved out of the share.
+    if (!PathOfFd(fd.Get(), &path)) return nullptr;
+    if (!share_->RelativePath(path, &relative) || relative.empty()) {
+        errno = ESTALE;
+        return nullptr;
+    }
+    Ptr parent = FromFd(share_, std::move(fd), share_->FullPath(relative), &st);
+    if (!parent) return nullptr;
+    ObjectCache::Instance().Put(parent);
+    CallState::Get().Found(parent, st);
+    return parent;
+}
+
+ssize_t LocalObject::ReadLink(OxelCtxt* ctxt, const std::string& path, char* buffer,
+                              size_t capacity) {
+    return On<ssize_t>(ctxt, path, -1, [&](LocalObject& object) -> ssize_t {
+        const CallerRights rights(ctxt, object, CallerRights::Need::kRead);
+        if (!rights) return -1;
+        if (object.node_->Type() != S_IFLNK) {
+            errno = EINVAL;
+            return -1;
+        }
+        return readlinkat(object.node_->Fd(), "", buffer, capacity);
+    });
+}
+
+}  // namespace oxel::local

@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The system calls that the C library has no function for, and the few idioms around them that
+// every operation on local files needs.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <string>
+
+#include "base/unique_fd.h"
+
+namespace oxel::local {
+
+// openat2(2) with O_CLOEXEC added to `flags`; `resolve` holds RESOLVE_* bits. -1 with errno.
+int OpenAt2(int directory, const char* path, uint64_t flags, uint64_t resolve);
+
+// How names inside a share are opened: never out of the directory, never into another mounted file
+// system (EXDEV), never through a symbolic link or one of /proc's links.
+extern const uint64_t kInsideShare;
+// An O_PATH descriptor for `path` (one name, or several below `directory`); it gives no access to
+// the contents, so that a device or FIFO is not touched. A symbolic link is opened itself.
+UniqueFd OpenInside(int directory, const char* path);
+
+// Whether the thread's file-system ids may use `fd` with `mode` (R_OK, W_OK, X_OK). 0, or -1.
+int AccessFd(int fd, int mode);
+
+// "/proc/self/fd/N": the way to re-open, or to change by path, what an O_PATH descriptor stands
+// for.
+class ProcPath {
+  public:
+    explicit ProcPath(int fd);
+    const char* Get() const { return text_; }
+
+  private:
+    char text_[32];
+};
+
+// The path of an open descriptor as the kernel knows it now. "/" for a file that the kernel reached
+// by its handle and whose place in the tree it does not know; " (deleted)" is appended to a name
+// that has been removed. False with errno.
+bool PathOfFd(int fd, std::string* path);
+
+// Milliseconds of a clock that never goes back; about 4 ms coarse, costs no system call.
+int64_t NowMs();
+
+// Changes of any metadata move it: the inode's change time in nanoseconds.
+inline int64_t ChangeTime(const struct stat& st) {
+    return int64_t{st.st_ctim.tv_sec} * 1000000000 + st.st_ctim.tv_nsec;
+}
+
+// Closes what is only kept open to save time. Called when the process is out of descriptors.
+void MakeRoomForDescriptors();
+
+// The descriptor that `open` returns; when the process is out of descriptors, room is made and
+// `open` tried once more. Empty with errno on failure.
+template <typename Open>
+UniqueFd OpenMakingRoom(Open open) {
+    int fd = open();
+    if (fd < 0 && (errno == EMFILE || errno == ENFILE)) {
+        MakeRoomForDescriptors();
+        fd = open();
+    }
+    return UniqueFd(fd);
+}
+
+}  // namespace oxel::local

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The last resort for finding an object whose name is not known: reading the share's directories.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "base/unique_fd.h"
+#include "modules/local/share_root.h"
+
+namespace oxel::local {
+
+// Looks for a name of the inode below the share's root; `isIt` decides about an O_PATH descriptor
+// of a candidate. Only directories are read, no other object is touched, so the cost is that of
+// listing the share. The places passed by are remembered while there is room, so that the next
+// objects need no search of their own. The caller holds the share's search mutex.
+bool SearchTree(ShareRoot& share, uint64_t inode, const std::function<bool(int fd)>& isIt,
+                std::string* relative, UniqueFd* fd);
+
+}  // namespace oxel::local
