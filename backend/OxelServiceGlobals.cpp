@@ -29,7 +29,7 @@ bool gMultiThreadRPCHandling = true;
 bool gDummyReadsAndWrites = false;
 bool gWindowsClientSupport = false;
 int32_t gOxelFdCacheSize = 100;
-bool gHardened = false;
+std::atomic<bool> gHardened{false};
 
 void OxelServiceGlobals::SetExitProcess(int value) {
     exitProcess = value;

@@ -27,8 +27,8 @@ class OxelServiceGlobals {
     static std::atomic<bool> networkServicesStarted;
     static std::atomic<bool> portMapperRegistered;
     static std::atomic<OxelServiceStatus> oxelStatus;
-    static std::atomic<int> exitProcess;                // the stop flag
-    static std::atomic<uint32_t> serverStartTime;       // seconds; the write verifier
+    static std::atomic<int> exitProcess;           // the stop flag
+    static std::atomic<uint32_t> serverStartTime;  // seconds; the write verifier
     static std::atomic<uint32_t> nfsProgram, mountProgram;
     static std::atomic<uint16_t> nfsPort, mountPort;
 
@@ -47,14 +47,16 @@ class OxelServiceGlobals {
     static void SetMountPort(uint16_t value) { mountPort = value; }
 };
 
-extern uint64_t NFS3_MAXBUF_SIZE;   // bytes: the largest READ or WRITE transfer
-extern uint32_t gMaxRPCRecvSize;    // bytes: transport buffers
+extern uint64_t NFS3_MAXBUF_SIZE;  // bytes: the largest READ or WRITE transfer
+extern uint32_t gMaxRPCRecvSize;   // bytes: transport buffers
 extern uint32_t gMaxRPCSendSize;
 extern bool gMultiThreadRPCHandling;
 extern bool gDummyReadsAndWrites;   // READ and WRITE skip the back end's read and write calls
 extern bool gWindowsClientSupport;  // for back ends to read
 extern int32_t gOxelFdCacheSize;
-extern bool gHardened;              // one client must not be able to hurt another
+// One client must not be able to hurt another. Atomic: the control socket, which answers before the
+// settings are read, shows it.
+extern std::atomic<bool> gHardened;
 
 // Room for a WRITE's data in a call record: 2 MiB, or the transfer size when that is larger.
 inline constexpr uint64_t kWriteAreaBytesMin = 2u << 20;

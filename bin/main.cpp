@@ -91,25 +91,24 @@ static bool ParseArguments(int argc, char** argv, std::string* instance) {
 // The store's word, when there is one, wins over the command line.
 static void DecideOnNetworkServices(const char* function) {
     static constexpr const char* kKey = "nNoNetworkServices";
-    const auto log = [function](int line, const char* format, auto... values) {
-        if (oxel::LogWriter::Wants(1)) oxel::LogWriter::Write(1, function, line, format, values...);
-    };
     unsigned int value = 0;
     if (!XOPlatformInfo().getNumber("Oxel", kKey, &value)) {
-        log(__LINE__, "Oxel/%s is not set.", kKey);
+        OXEL_LOG_AS(function, 1, "Oxel/%s is not set.", kKey);
         if (!OxelServiceGlobals::doNotStartNFSServices)
-            log(__LINE__, " PortMapper/Mount/NFS services will be started.");
+            OXEL_LOG_AS(function, 1, " PortMapper/Mount/NFS services will be started.");
         else
-            log(__LINE__,
-                " PortMapper/Mount/NFS services will NOT be started as per UXA's request.");
+            OXEL_LOG_AS(function, 1,
+                        " PortMapper/Mount/NFS services will NOT be started as per UXA's request.");
     } else if (value == 0) {
         OxelServiceGlobals::SetDoNotStartNFSServices(false);
-        log(__LINE__, "Oxel/%s set to [%u]. PortMapper/Mount/NFS services will be started.", kKey,
-            value);
+        OXEL_LOG_AS(function, 1,
+                    "Oxel/%s set to [%u]. PortMapper/Mount/NFS services will be started.", kKey,
+                    value);
     } else {
         OxelServiceGlobals::SetDoNotStartNFSServices(true);
-        log(__LINE__, "Oxel/%s set to [%u]. PortMapper/Mount/NFS services will not be started.",
-            kKey, value);
+        OXEL_LOG_AS(function, 1,
+                    "Oxel/%s set to [%u]. PortMapper/Mount/NFS services will not be started.", kKey,
+                    value);
     }
 }
 
@@ -198,8 +197,12 @@ int main(int argc, char** argv) {
 
     EvDebug::Debug("main", "Going to acquire Korvane-oxelnfsdService Lock");
     XoNamedMutex lock("Korvane-oxelnfsdService" + instance);
-    lock.lock();
-    EvDebug::Debug("main", "Korvane-oxelnfsdService Lock acquired");
+    if (lock.lock())
+        EvDebug::Debug("main", "Korvane-oxelnfsdService Lock acquired");
+    else if (OxelServiceGlobals::exitProcess != 0)
+        Leave(nullptr);  // asked to stop while another process had it
+    else
+        OXEL_LOG(-1, "Error: No Korvane-oxelnfsdService lock. [%s]", strerror(errno));
     if (AdvancedInit() != 1) exitOnFatalError("AdvancedInit");
 
     while (OxelServiceGlobals::exitProcess == 0) LUSLEEP(kIdleMs);

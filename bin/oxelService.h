@@ -12,10 +12,19 @@
 #include <vector>
 
 #include "backend/OxelServiceGlobals.h"
+#include "base/log.h"
 #include "base/sync.h"
 #include "base/thread_pool.h"
 #include "base/timer.h"
 #include "net/CLuSocket.h"
+
+// As OXEL_LOG, in the name of the function whose step the caller is: operators know a message by
+// the function that it comes from.
+#define OXEL_LOG_AS(function, level, ...)                                         \
+    do {                                                                          \
+        if (::oxel::LogWriter::Wants(level))                                      \
+            ::oxel::LogWriter::Write((level), (function), __LINE__, __VA_ARGS__); \
+    } while (0)
 
 // One RPC service to start, or one that has started.
 struct RPCServiceArgs {

@@ -3,9 +3,10 @@
 // Accepting connections, and the guard that each of them gets.
 #include "bin/oxelService_connection.h"
 
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 
@@ -77,21 +78,31 @@ namespace {
 TransportOperations gListenerOperations;
 const TransportOperations* gLibraryListenerOperations = nullptr;
 
+// A descriptor held in reserve: when the process has none left, it is given up for a moment to
+// accept and close one connection, since one that is not accepted keeps select() returning.
+oxel::UniqueFd gReserve;
+
+constexpr int kNoDescriptorPauseMs = 50;
+
 }  // namespace
 
-// A descriptor is held in reserve: when the process has none left, it is given up for a moment to
-// accept and close one connection, since one that is not accepted keeps select() returning.
-static void RefuseWithoutDescriptor(int listener, oxel::UniqueFd& reserve) {
+static void FillReserve() {
+    if (!gReserve) gReserve.Reset(eventfd(0, EFD_CLOEXEC));
+}
+
+static void RefuseWithoutDescriptor(int listener) {
     static bool said = false;
     if (!said) {
         said = true;
         OXEL_LOG(-1, "Error: No descriptor is left for a new connection. [%s]. Raise the limit.",
                  strerror(errno));
     }
-    reserve.Reset();
+    gReserve.Reset();
     oxel::UniqueFd refused(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+    // Another thread was quicker to take the number: wait for one rather than ask without end.
+    if (!refused) (void)poll(nullptr, 0, kNoDescriptorPauseMs);
     refused.Reset();
-    reserve.Reset(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+    FillReserve();
 }
 
 // Hands an accepted socket to the library and guards its transport.
@@ -129,14 +140,14 @@ static void AdoptConnection(oxel::UniqueFd socket) {
 
 // The listener's xp_recv: accepts what waits. There is never a call to process.
 static bool_t Accept(SVCXPRT* listener, rpc_msg*) {
-    static oxel::UniqueFd reserve(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+    FillReserve();
     // As many as the backlog holds, then calls have their turn.
     for (int accepted = 0; accepted < 100; ++accepted) {
         oxel::UniqueFd socket(accept4(listener->xp_fd, nullptr, nullptr, SOCK_CLOEXEC));
         if (socket) {
             AdoptConnection(std::move(socket));
         } else if (errno == EMFILE || errno == ENFILE) {
-            RefuseWithoutDescriptor(listener->xp_fd, reserve);
+            RefuseWithoutDescriptor(listener->xp_fd);
             return FALSE;
         } else if (errno != EINTR && errno != ECONNABORTED) {
             return FALSE;
@@ -152,6 +163,7 @@ void GuardListener(SVCXPRT* listener) {
         gListenerOperations.xp_recv = Accept;
     }
     listener->xp_ops = &gListenerOperations;
+    FillReserve();  // while there still are descriptors
 }
 
 void UnguardListener(SVCXPRT* listener) {

@@ -50,7 +50,7 @@ static ControlReply Status(const json&) {
                   {"records", {{"total", total}, {"inUse", total - free}}},
                   {"connections", Connection::Count()},
                   {"logLevel", oxel::LogWriter::Level()},
-                  {"hardened", gHardened}};
+                  {"hardened", gHardened.load()}};
     return reply;
 }
 

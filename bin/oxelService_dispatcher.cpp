@@ -126,7 +126,12 @@ static bool AttachTransport(CallInfo3* call, SVCXPRT* transport) {
 static void GiveBack(CallInfo3* call) {
     if (call->transport != nullptr && call->transport == call->transportCopy)
         ParkSVCXPRT(call->transport);
-    call->Reset();
+    try {
+        call->Reset();
+    } catch (const std::bad_alloc&) {
+        // The record is as it was but for its size; the next call finds out by itself, and this one
+        // may be ending on a thread where nobody would catch.
+    }
     gCallInfoPool.Push(call);
 }
 
@@ -155,11 +160,15 @@ static bool FillIdentity(CallInfo3* call, const svc_req* request, const SVCXPRT*
     return true;
 }
 
+// The steps of Nfs3Dispatcher log in its name.
+#define LOG_DISPATCH(level, ...) \
+    OXEL_LOG_AS("void Nfs3Dispatcher(svc_req*, SVCXPRT*)", level, __VA_ARGS__)
+
 // Checks, decodes and hands on one call whose record is at hand. False: the call ends without the
 // time until the next one being counted.
 static bool Dispatch(CallInfo3* call, svc_req* request, SVCXPRT* transport, bool* handedOn) {
     if (!AttachTransport(call, transport)) {
-        OXEL_LOG(-1, "Error: Fail to duplicate SVCXPRT structure");
+        LOG_DISPATCH(-1, "Error: Fail to duplicate SVCXPRT structure");
         svcerr_systemerr(transport);
         GiveBack(call);
         return false;
@@ -170,7 +179,7 @@ static bool Dispatch(CallInfo3* call, svc_req* request, SVCXPRT* transport, bool
 
     if (call->procedure < 0 || call->procedure >= kNfs3ProcedureCount ||
         Nfsv3Handlers[call->procedure].handler == nullptr) {
-        OXEL_LOG(-1, "Error: unknown procedure %d", call->procedure);
+        LOG_DISPATCH(-1, "Error: unknown procedure %d", call->procedure);
         svcerr_noproc(transport);
         GiveUp(call);
         return true;
@@ -179,7 +188,7 @@ static bool Dispatch(CallInfo3* call, svc_req* request, SVCXPRT* transport, bool
 
     if (!FillIdentity(call, request, transport)) {
         svcerr_weakauth(transport);
-        OXEL_LOG(-1, "Error: Auth_NULL not accepted for proc [%s].", call->row->name);
+        LOG_DISPATCH(-1, "Error: Auth_NULL not accepted for proc [%s].", call->row->name);
         GiveBack(call);
         return false;
     }
@@ -191,7 +200,7 @@ static bool Dispatch(CallInfo3* call, svc_req* request, SVCXPRT* transport, bool
             transport->xp_ops->xp_getargs(transport, call->row->xdrArguments, &call->arguments());
     }
     if (decoded != TRUE) {
-        OXEL_LOG(-1, "Error: Args Decode Failed. procNum [%d]", call->procedure);
+        LOG_DISPATCH(-1, "Error: Args Decode Failed. procNum [%d]", call->procedure);
         svcerr_decode(transport);
         // What was decoded before the failure hangs off the record.
         transport->xp_ops->xp_freeargs(transport, call->row->xdrArguments, &call->arguments());
@@ -248,15 +257,16 @@ static void FinalRPCCleanup(CallInfo3* call, SVCXPRT* transport) {
     GiveBack(call);
 }
 
-static void SendReply(CallInfo3* call) {
+// `function` is whose step it is, for the log.
+static void SendReply(CallInfo3* call, const char* function) {
     PerfCounterWrapper timer("OXEL", kPerfSend, uint64_t{call->replyBytes} + call->row->replyBytes);
     if (svc_sendreply(call->transport, call->row->xdrResult, &call->result))
-        OXEL_LOG(4, "Reply Sending Success.");
+        OXEL_LOG_AS(function, 4, "Reply Sending Success.");
     else
-        OXEL_LOG(-1,
-                 "Error: Failed to send reply. [%s]. NFS client might have terminated "
-                 "connection. Will exit.",
-                 strerror(errno));
+        OXEL_LOG_AS(function, -1,
+                    "Error: Failed to send reply. [%s]. NFS client might have terminated "
+                    "connection. Will exit.",
+                    strerror(errno));
 }
 
 // A handler that threw: the client is told, and the call ends like any other.
@@ -290,7 +300,7 @@ void* HandleNFSRPC(void* record) {
         return nullptr;
     }
     if (reply)
-        SendReply(call);
+        SendReply(call, __PRETTY_FUNCTION__);
     else
         OXEL_LOG(3, "Dispatcher does not want to send a response.");
     FinalRPCCleanup(call, call->transport);
@@ -306,7 +316,7 @@ void* SendNFSRPC(void* record) {
         if (!lockTarget) lockTarget = call->exportPtr;
     }
     if (lockTarget) lockTarget->LockRpcSocket();
-    SendReply(call);
+    SendReply(call, __PRETTY_FUNCTION__);
     if (lockTarget) lockTarget->UnlockRpcSocket();
     FinalRPCCleanup(call, call->transport);
     return nullptr;

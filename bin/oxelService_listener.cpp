@@ -188,14 +188,9 @@ static OxelServiceStatus Failed(RPCServiceArgs* args, OxelServiceStatus status) 
     return status;
 }
 
-// The steps of StartTcpService that log do so in its name.
-#define LOG_START(level, ...)                                                              \
-    do {                                                                                   \
-        if (::oxel::LogWriter::Wants(level))                                               \
-            ::oxel::LogWriter::Write((level),                                              \
-                                     "OxelServiceStatus StartTcpService(RPCServiceArgs*)", \
-                                     __LINE__, __VA_ARGS__);                               \
-    } while (0)
+// The steps of StartTcpService log in its name.
+#define LOG_START(level, ...) \
+    OXEL_LOG_AS("OxelServiceStatus StartTcpService(RPCServiceArgs*)", level, __VA_ARGS__)
 
 // Makes and binds the shared socket. OxelStarted, or why not.
 static OxelServiceStatus BindSharedSocket(const RPCServiceArgs* args) {

@@ -33,6 +33,10 @@ static bool IsServedByVersion(uint32_t version, uint32_t procedure) {
     }
 }
 
+// The steps of Mount3Dispatcher log in its name.
+#define LOG_DISPATCH(level, ...) \
+    OXEL_LOG_AS("void Mount3Dispatcher(svc_req*, SVCXPRT*)", level, __VA_ARGS__)
+
 static void Answer(CallInfo3& call, SVCXPRT* transport) {
     bool_t reply;
     {
@@ -41,21 +45,21 @@ static void Answer(CallInfo3& call, SVCXPRT* transport) {
     }
     if (!reply) return;
     if (svc_sendreply(transport, call.row->xdrResult, &call.result))
-        OXEL_LOG(3, "Reply Sending Success.");
+        LOG_DISPATCH(3, "Reply Sending Success.");
     else
-        OXEL_LOG(-1, "Error: Failed to send reply.");
+        LOG_DISPATCH(-1, "Error: Failed to send reply.");
 }
 
 static void Dispatch(svc_req* request, SVCXPRT* transport) {
     CallInfo3& call = MountCallInfo();
     const CLuIPAddr client(transport->xp_raddr);
-    OXEL_LOG(3,
-             "transp [%p] dispatch time (%ld) : prog=%d, ver=%d, proc=%d, sock=%d, port=%d "
-             "client address = %s",
-             static_cast<void*>(transport), static_cast<long>(time(nullptr)),
-             static_cast<int>(request->rq_prog), static_cast<int>(request->rq_vers),
-             static_cast<int>(request->rq_proc), transport->xp_fd,
-             static_cast<int>(transport->xp_port), client.GetAddressString().c_str());
+    LOG_DISPATCH(3,
+                 "transp [%p] dispatch time (%ld) : prog=%d, ver=%d, proc=%d, sock=%d, port=%d "
+                 "client address = %s",
+                 static_cast<void*>(transport), static_cast<long>(time(nullptr)),
+                 static_cast<int>(request->rq_prog), static_cast<int>(request->rq_vers),
+                 static_cast<int>(request->rq_proc), transport->xp_fd,
+                 static_cast<int>(transport->xp_port), client.GetAddressString().c_str());
     // No credential is asked for, and only AUTH_UNIX has a machine name.
     call.identity.machineName = nullptr;
     if (request->rq_cred.oa_flavor == AUTH_UNIX)
@@ -72,22 +76,22 @@ static void Dispatch(svc_req* request, SVCXPRT* transport) {
     call.procedure = static_cast<int32_t>(request->rq_proc);
     if (call.procedure < 0 || call.procedure >= kMount3ProcedureCount ||
         Mountv3Handlers[call.procedure].handler == nullptr) {
-        OXEL_LOG(-1, "Error: : unknown procedure %d", call.procedure);
+        LOG_DISPATCH(-1, "Error: : unknown procedure %d", call.procedure);
         svcerr_noproc(transport);
         return;
     }
     call.row = &Mountv3Handlers[call.procedure];
-    OXEL_LOG(3, "Procedure Name [%d:%s]", call.procedure, call.row->name);
+    LOG_DISPATCH(3, "Procedure Name [%d:%s]", call.procedure, call.row->name);
     const auto freeArguments = [&] {
         transport->xp_ops->xp_freeargs(transport, call.row->xdrArguments, &call.arguments());
     };
     if (!transport->xp_ops->xp_getargs(transport, call.row->xdrArguments, &call.arguments())) {
-        OXEL_LOG(-1, "Error: : Args Decode Failed. procNum [%d]", call.procedure);
+        LOG_DISPATCH(-1, "Error: : Args Decode Failed. procNum [%d]", call.procedure);
         svcerr_decode(transport);
         freeArguments();
         return;
     }
-    OXEL_LOG(3, ": Args Decode Success. Calling [%d:%s]", call.procedure, call.row->name);
+    LOG_DISPATCH(3, ": Args Decode Success. Calling [%d:%s]", call.procedure, call.row->name);
     try {
         Answer(call, transport);
     } catch (...) {
