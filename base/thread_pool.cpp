@@ -388,6 +388,11 @@ unsigned int XoThreadPool::threadCount() const {
     return state_->alive;
 }
 
+unsigned int XoThreadPool::idleCount() const {
+    Guard guard(state_->mutex);
+    return static_cast<unsigned int>(state_->sleepers.size());
+}
+
 size_t XoThreadPool::queued() const {
     Guard guard(state_->mutex);
     return state_->queue.Size();

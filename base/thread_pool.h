@@ -30,6 +30,7 @@ class XoThreadPool {
 
     unsigned int maxCount() const;
     unsigned int threadCount() const;  // now alive
+    unsigned int idleCount() const;    // of these, asleep for want of work
     size_t queued() const;             // waiting for a thread
 
   private:

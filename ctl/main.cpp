@@ -62,8 +62,8 @@ int main(int argc, char** argv) {
     app.add_flag("--json", settings.json, "Answer in JSON, for programs");
     app.footer("Exit code: 0 done, 1 the daemon said no, 2 usage, 3 no daemon answers.");
 
-    const auto verb = [&](const char* name, const char* help, ExitCode (*run)(const Settings&)) {
-        CLI::App* command = app.add_subcommand(name, help);
+    const auto verb = [&](const char* name, const char* purpose, ExitCode (*run)(const Settings&)) {
+        CLI::App* command = app.add_subcommand(name, purpose);
         command->group("Verbs");
         command->fallthrough();  // -vm and --json may stand behind the verb
         command->callback([&result, &settings, run] { result = run(settings); });
