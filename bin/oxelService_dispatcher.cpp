@@ -70,6 +70,7 @@ bool InitializeNFSRPCThreadPool() {
         OXEL_LOG(-1, "Error: Failed to initialize NFS RPC handler thread pool.");
         return false;
     }
+    CallInfo3::freeTransportCopy = FreeSVCXPRT;
     gCallInfoPool.Init(static_cast<int>(kRecordsPerHandler * handlers));
     if (!gRPCSendPool.initThreadPool("OXEL_SEND", kIdleSeconds, kSenders, kSenders, kSenders)) {
         OXEL_LOG(-1, "Error: Failed to initialize NFS RPC Sender thread pool.");
