@@ -19,6 +19,10 @@
 #include "base/instance.h"
 #include "base/store.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
 namespace oxel::test {
 
 // $OXEL_ROOT while it lives, with the instance "Test" in focus; removed at the end.
@@ -82,6 +86,14 @@ inline void RunInChild(void (*body)()) {
     if (WIFEXITED(status) && WEXITSTATUS(status) == kChildSkipped) GTEST_SKIP();
     ASSERT_TRUE(WIFEXITED(status)) << "the child died of signal " << WTERMSIG(status);
     ASSERT_EQ(WEXITSTATUS(status), 0) << "the failures are above";
+}
+
+// Whether the process has lost memory so far; only the address sanitizer knows. For the end of a
+// child's body, since a child ends without the check that a process's end brings.
+inline void CheckLeaks() {
+#if defined(__SANITIZE_ADDRESS__)
+    EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0) << "memory is lost";
+#endif
 }
 
 }  // namespace oxel::test
