@@ -67,7 +67,7 @@ void UnmapArea(void* area, uint64_t bytes) {
 
 CallInfo3::CallInfo3() {
     FitArgumentArea();
-    ClearCall();
+    ZeroCall();
 }
 
 CallInfo3::~CallInfo3() {
@@ -76,19 +76,23 @@ CallInfo3::~CallInfo3() {
     UnmapArea(readBuffer_, readBufferBytes_);
 }
 
-void CallInfo3::Reset() {
+void CallInfo3::Reset() noexcept {
     transport = nullptr;
     row = nullptr;
     exportPtr.reset();
     replyBytes = 0;
-    ClearCall();
+    ZeroCall();
 }
 
 void CallInfo3::ClearCall() {
+    ZeroCall();
+    FitArgumentArea();
+}
+
+void CallInfo3::ZeroCall() noexcept {
     procedure = 0;
     memset(&result, 0, sizeof(result));
     memset(static_cast<void*>(arguments_), 0, sizeof(CallArguments3));
-    FitArgumentArea();
 }
 
 // The decoder of WRITE takes WriteAreaBytes() for granted, and the pool is filled before the

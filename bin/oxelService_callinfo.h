@@ -92,8 +92,9 @@ struct CallInfo3 {
     CallInfo3& operator=(const CallInfo3&) = delete;
 
     // Makes the record ready for another call: no transport, row or share, areas zero. The identity
-    // stays until the dispatcher overwrites it. Throws what ClearCall throws.
-    void Reset();
+    // stays until the dispatcher overwrites it. Never fails, so a record always gets back to its
+    // pool.
+    void Reset() noexcept;
     // Zeroes procedure, arguments and result. The WRITE data area needs no clearing: its decoder
     // zeroes what a handler may look at and the client did not send. Makes the area larger when the
     // transfer size was configured after the record was made; std::bad_alloc when that fails (the
@@ -125,6 +126,7 @@ struct CallInfo3 {
 
   private:
     void FitArgumentArea();
+    void ZeroCall() noexcept;
 
     CallArguments3* arguments_ = nullptr;
     uint64_t argumentBytes_ = 0;

@@ -8,10 +8,8 @@
 #include <type_traits>
 
 #include "nfs3/nfs3xdr.h"
-#include "nfs3/nfs3xdr_words.h"
 
 using oxel::xdr::CodeString;
-using oxel::xdr::CodeU32;
 
 namespace {
 
@@ -108,13 +106,15 @@ bool_t xdr_MNT3res_ok(XDR* xdrs, MNT3res_ok* value) {
     u_int count = flavors.auth_flavors_len;
     if (!xdr_u_int(xdrs, &count) || count > room) return FALSE;
     for (u_int i = 0; i < count; ++i)
-        if (!CodeU32(xdrs, &flavors.auth_flavors_val[i])) return FALSE;
+        if (!xdr_u_int(xdrs, &flavors.auth_flavors_val[i])) return FALSE;
     flavors.auth_flavors_len = count;
     return TRUE;
 }
 
 bool_t xdr_MNT3res(XDR* xdrs, MNT3res* value) {
-    if (!CodeU32(xdrs, &value->fhs_status)) return FALSE;
+    int status = value->fhs_status;
+    if (!xdr_int(xdrs, &status)) return FALSE;
+    value->fhs_status = static_cast<mountstat3>(status);
     return value->fhs_status == MNT3_OK ? xdr_MNT3res_ok(xdrs, &value->mountinfo) : TRUE;
 }
 

@@ -119,5 +119,17 @@ bool_t xdr_entry3(XDR* xdrs, entry3* entry);
 bool_t xdr_dirlistplus3(XDR* xdrs, dirlistplus3* link);
 bool_t xdr_entryplus3(XDR* xdrs, entryplus3* entry);
 
+namespace oxel::xdr {
+
+// A string of at most kXdrStringBytesMax bytes.
+// - Encoding a null pointer fails.
+// - Decoding stores a malloc'ed NUL-terminated copy in *text (what stood there is not looked at)
+//   and leaves *text alone on failure. Bytes with a NUL among them fail: as a C string they would
+//   name another file than the client meant.
+// - Freeing leaves a null pointer.
+bool_t CodeString(XDR* xdrs, char** text);
+
+}  // namespace oxel::xdr
+
 // The encoded size of a string of n bytes: 4 + n rounded up to a multiple of 4.
 unsigned int GetXdrStringLength(unsigned int n);

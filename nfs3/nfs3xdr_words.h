@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How the codec's routines code runs of fixed words and strings. A record's fixed words are listed
+// How the codec's routines code runs of fixed words. A record's fixed words are listed
 // once, in an overload of Words(); they are coded straight in the stream's buffer when it has them
 // in one piece, else one by one through the library's primitives.
 #pragma once
@@ -179,14 +179,6 @@ bool_t CodeResult(XDR* xdrs, Result* result, bool_t (*codeOk)(XDR*, Ok*),
     return result->status == NFS3_OK ? codeOk(xdrs, &result->resok)
                                      : codeFail(xdrs, &result->resfail);
 }
-
-// A string of at most kXdrStringBytesMax bytes.
-// - Encoding a null pointer fails.
-// - Decoding stores a malloc'ed NUL-terminated copy in *text (what stood there is not looked at)
-//   and leaves *text alone on failure. Bytes with a NUL among them fail: as a C string they would
-//   name another file than the client meant.
-// - Freeing leaves a null pointer.
-bool_t CodeString(XDR* xdrs, char** text);
 
 // `bytes` rounded up to whole words.
 constexpr uint32_t Padded(uint32_t bytes) {
