@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How the codec's routines code runs of fixed words. A record's fixed words are listed
-// once, in an overload of Words(); they are coded straight in the stream's buffer when it has them
-// in one piece, else one by one through the library's primitives.
+// How the codec's routines code runs of fixed words. A record's fixed words are listed once, in an
+// overload of Words(); they are coded straight in the stream's buffer when it has them in one
+// piece, else one by one through the library's primitives.
 #pragma once
 
 #include <arpa/inet.h>
