@@ -33,7 +33,9 @@ std::vector<PerfTotals> PerfSnapshot();
 class PerfCounterWrapper {
   public:
     PerfCounterWrapper(const char* name, unsigned id, uint64_t bytes = 0)
-        : name_(name), id_(id), bytes_(bytes),
+        : name_(name),
+          id_(id),
+          bytes_(bytes),
           start_(gPerfFlag.load(std::memory_order_relaxed) ? oxel::MonotonicNanoseconds() : 0) {}
     ~PerfCounterWrapper() {
         if (start_ != 0) oxel::PerfAdd(name_, id_, oxel::MonotonicNanoseconds() - start_, bytes_);

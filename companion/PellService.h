@@ -27,8 +27,8 @@ namespace oxel {
 
 struct ControlReply {
     bool ok = true;
-    std::string error;                                // when not ok: one line for a person
-    nlohmann::json body = nlohmann::json::object();   // camelCase names
+    std::string error;                               // when not ok: one line for a person
+    nlohmann::json body = nlohmann::json::object();  // camelCase names
 };
 
 // Answers one request; called on a companion thread. An exception becomes a refusal with its text.

@@ -19,9 +19,9 @@ class CLuIPAddr {
     // From numeric text; false when `text` is no address (then *out is untouched).
     static bool Parse(const std::string& text, unsigned short port, CLuIPAddr* out);
 
-    int GetFamily() const;            // AF_INET or AF_INET6
-    void SetFamily(int family);       // the wildcard of that family; the port is kept
-    unsigned short GetPort() const;   // host byte order
+    int GetFamily() const;           // AF_INET or AF_INET6
+    void SetFamily(int family);      // the wildcard of that family; the port is kept
+    unsigned short GetPort() const;  // host byte order
     void SetPort(unsigned short port);
     // Numeric text; an IPv4 client of the IPv6 socket is shown as a.b.c.d.
     std::string GetAddressString() const;

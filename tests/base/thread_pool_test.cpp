@@ -240,8 +240,9 @@ TEST(ThreadPool, EndRunsWhatIsQueuedAndWhatThatAdds) {
     std::function<void()> last = [&] { ++ran; };
     {
         Hold hold;
-        XoThreadPool pool;
-        std::function<void()> work = [&] {
+        std::function<void()> work;
+        XoThreadPool pool;  // ends first
+        work = [&] {
             ++ran;
             Do(pool, last);
         };
