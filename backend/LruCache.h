@@ -46,7 +46,12 @@ class LruCache {
         std::lock_guard<std::mutex> lock(mutex_);
         EraseLocked(key, &dropped);
         order_.push_front(Entry{key, std::move(value), size});
-        index_[key] = order_.begin();
+        try {
+            index_[key] = order_.begin();
+        } catch (...) {
+            order_.pop_front();
+            throw;
+        }
         total_ += size;
         while (!order_.empty() && total_ > limit_) DropOldest(&dropped);
     }
@@ -65,8 +70,8 @@ class LruCache {
         for (auto it = order_.begin(); it != order_.end();) {
             auto next = std::next(it);
             if (match(it->key, it->value)) {
-                total_ -= it->size;
                 dropped.push_back(std::move(it->value));
+                total_ -= it->size;
                 index_.erase(it->key);
                 order_.erase(it);
             }
@@ -105,8 +110,8 @@ class LruCache {
     // Callers declare `dropped` before taking the lock, so that it dies after the unlock.
     void DropOldest(std::vector<Value>* dropped) {
         Entry& oldest = order_.back();
-        total_ -= oldest.size;
         dropped->push_back(std::move(oldest.value));
+        total_ -= oldest.size;
         index_.erase(oldest.key);
         order_.pop_back();
     }
@@ -114,8 +119,8 @@ class LruCache {
     bool EraseLocked(const Key& key, std::vector<Value>* dropped) {
         auto it = index_.find(key);
         if (it == index_.end()) return false;
-        total_ -= it->second->size;
         dropped->push_back(std::move(it->second->value));
+        total_ -= it->second->size;
         order_.erase(it->second);
         index_.erase(it);
         return true;

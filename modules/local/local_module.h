@@ -24,9 +24,9 @@ ExportPtr MakeLocalExport(const ShareConfig& share, std::string* error);
 // One line for the log at start: whose rights files are accessed with, and what kind of handles.
 std::string DescribeLocalModule();
 
-// Closes what is kept open to save time and no call has used for that long: the blocks of a file
-// that somebody removed on this machine stay allocated until then. To be called every half minute
-// or so, from any thread.
+// Closes what is kept open to save time and no call has used for that long. Until then the blocks
+// of a file that somebody removed on this machine stay allocated, and a program that a client has
+// just written cannot be started on this machine. To be called every few seconds, from any thread.
 void DropIdleLocalFiles(unsigned idleMs);
 
 // Gives the calling thread the process's own rights in the file system. A worker thread keeps those

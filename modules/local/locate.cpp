@@ -4,6 +4,7 @@
 #include "modules/local/locate.h"
 
 #include <fcntl.h>
+#include <limits.h>
 
 #include <cerrno>
 
@@ -16,8 +17,9 @@ namespace oxel::local {
 namespace {
 
 // For this long a search that found nothing is not repeated for an object that has not changed.
-constexpr int64_t kMissingMs = 60 * 1000;
+constexpr int64_t kMissingMs = 30 * 1000;
 constexpr int kDepthMax = PATH_MAX / 2;
+constexpr int kRenamesMax = 32;
 
 // Whether the path leads to the very object: what the kernel says about a path may be outdated, or
 // be counted from another place than this process's root.
@@ -100,15 +102,17 @@ bool MayBeElsewhere(const std::string& path, const struct stat& st) {
 bool Locate(ShareRoot& share, int fd, const struct stat& st, std::string_view body,
             Location* location) {
     BecomeOwn();
-    std::string path, relative;
-    // Twice, because a rename can come between the kernel's answer and its verification.
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        if (!PathOfFd(fd, &path)) break;
+    std::string path, before, relative;
+    // Again and again while the answer changes: a rename can come between the kernel's answer and
+    // its verification.
+    for (int attempt = 0; attempt < kRenamesMax; ++attempt) {
+        if (!PathOfFd(fd, &path) || (attempt > 0 && path == before)) break;
         if (!share.RelativePath(path, &relative)) break;
         if (relative.empty() ? share.IsRoot(st) : LeadsTo(share, relative, st, nullptr)) {
             location->path = relative.empty() ? path : share.FullPath(relative);
             return true;
         }
+        before = path;
     }
     if (!MayBeElsewhere(path, st)) return false;
     if (FromHint(share, st, location)) return true;
