@@ -19,6 +19,7 @@
 #include "backend/Export.h"
 #include "backend/export_registry.h"
 #include "base/log.h"
+#include "base/own_rights.h"
 #include "base/store.h"
 #include "base/sync.h"
 #include "base/unique_fd.h"
@@ -186,6 +187,7 @@ static bool ReadRegistry(const std::string& file, std::string* text) {
 void ExportCache::LoadFromDisk() {
     State& s = state();
     XoCriticalSectionGuard save(s.saveSection);
+    const oxel::OwnRights own;
     const std::string file = oxel::InstancePaths(XOPI_Focus::focus()).registry;
     std::string text;
     ShareRecords loaded;
@@ -262,6 +264,7 @@ void ExportCache::State::MarkSaved(const std::string& file, uint64_t changesSeen
 bool ExportCache::SaveToDisk() {
     State& s = state();
     XoCriticalSectionGuard save(s.saveSection);
+    const oxel::OwnRights own;
     const std::string file = oxel::InstancePaths(XOPI_Focus::focus()).registry;
     // MOUNT calls wait for this, so the disk is left alone when it already has everything.
     if (!s.ChangedSinceSaved(file)) return true;

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "base/own_rights.h"
 #include "base/thread.h"
 #include "base/unique_fd.h"
 
@@ -244,6 +245,7 @@ class Destination {
     }
 
     void Rotate() {
+        const OwnRights own;
         const std::string old = path_ + ".old";
         if (rename(path_.c_str(), old.c_str()) != 0 || !OpenFile(path_.c_str())) {
             // Goes on with the file that it has; the next try comes a whole size later.

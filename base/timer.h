@@ -9,6 +9,7 @@
 enum OxelTimerTask : unsigned {
     OxelTimerTaskRegistry = 1,     // saves the export registry
     OxelTimerTaskThreadCount = 2,  // re-reads the handler thread count
+    OxelTimerTaskIdleFiles = 3,    // closes what a module kept open and nobody used
 };
 
 using XOTimerErrno = int;  // 0: go on; anything else: the task is removed

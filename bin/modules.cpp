@@ -13,7 +13,17 @@
 #include "backend/exports_file.h"
 #include "base/log.h"
 #include "base/store.h"
+#include "base/timer.h"
 #include "modules/local/local_module.h"
+
+// A file that was removed on this machine gives its blocks back, and a program that a client wrote
+// can be started here, at most these two times after its last use by a client.
+static constexpr unsigned kIdleFilesMs = 10000, kIdleFilesCheckMs = 5000;
+
+static XOTimerErrno CloseIdleFiles(void*) {
+    oxel::DropIdleLocalFiles(kIdleFilesMs);
+    return 0;
+}
 
 bool InitializeFileSystemModules() {
     const oxel::InstancePaths paths(XOPI_Focus::focus());
@@ -45,5 +55,6 @@ bool InitializeFileSystemModules() {
     if (shares.empty()) OXEL_LOG(-1, "Warning: No share is defined in %s.", paths.exports.c_str());
     gAllExports.Replace(std::move(shares));
     gAllExports.LoadFromDisk();
+    XoTimer::Register(OxelTimerTaskIdleFiles, CloseIdleFiles, kIdleFilesCheckMs, 0, nullptr);
     return true;
 }
