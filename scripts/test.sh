@@ -5,6 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+mkdir -p build
 failed=()
 for preset in "$@"; do
   echo "== $preset: build"
