@@ -13,10 +13,12 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "backend/OxelServiceGlobals.h"
 #include "base/log.h"
 #include "base/unique_fd.h"
+#include "bin/oxelService_descriptors.h"
 #include "bin/oxelService_transport.h"
 
 std::atomic<uint64_t> Connection::count_{0};
@@ -44,6 +46,7 @@ void Connection::Drop() {
     // its number cannot have gone to anybody else.
     transport_->xp_ops = libraryOperations_;
     transport_->xp_p2 = nullptr;
+    transport_->xp_fd = oxel::GiveLowDescriptorBack(transport_->xp_fd);
     SVC_DESTROY(transport_);
     count_.fetch_sub(1, std::memory_order_relaxed);
     delete this;
@@ -106,7 +109,8 @@ static void RefuseWithoutDescriptor(int listener) {
 }
 
 // Hands an accepted socket to the library and guards its transport.
-static void AdoptConnection(oxel::UniqueFd socket) {
+static void AdoptConnection(oxel::UniqueFd accepted) {
+    oxel::UniqueFd socket = oxel::AtLowDescriptor(std::move(accepted));
     if (socket.Get() >= FD_SETSIZE) {
         static bool said = false;
         if (!said) {

@@ -21,6 +21,7 @@
 #include "base/unique_fd.h"
 #include "bin/oxelService.h"
 #include "bin/oxelService_connection.h"
+#include "bin/oxelService_descriptors.h"
 #include "bin/oxelService_transport.h"
 #include "companion/PellService.h"
 
@@ -362,6 +363,7 @@ void* svcRun(void*) {
     OXEL_LOG(1, "In SvcRun. This routine calls dispatcher upon receipt of protocol RPCs.");
     gReceiveLoopEnded.reset();
     gReceiveLoopRuns = true;
+    oxel::ReserveLowDescriptors();
     const int wake = gWakeReceiveLoop.Get();
     while (OxelServiceGlobals::exitProcess == 0) {
         fd_set ready;
