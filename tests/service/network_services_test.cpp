@@ -3,6 +3,7 @@
 // All four services from start to end, with the receive loop on its own thread and clients on real
 // sockets.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/select.h>
 
 #include <csignal>
@@ -226,6 +227,28 @@ TEST_IN_CHILD(NetworkServices, CallsOnManyConnectionsAtOnceAreAllAnswered) {
         });
     }
     for (std::thread& client : clients) client.join();
+    Stop();
+}
+
+TEST_IN_CHILD(NetworkServices, ClientsAreServedHoweverManyFilesAreOpen) {
+    rlimit limit;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    if (limit.rlim_max < 4096) GTEST_SKIP() << "this machine allows too few descriptors";
+    limit.rlim_cur = 4096;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    PrivateRoot root(kConf);
+    Start();
+    RpcClient first = Connect(AF_INET);
+    AskNull(first, kNfs, 3);
+    std::vector<UniqueFd> files;
+    for (int i = 0; i < 1500; ++i) files.emplace_back(open("/", O_PATH | O_CLOEXEC));
+    for (int round = 0; round < 20; ++round) {
+        std::vector<RpcClient> clients;
+        for (int i = 0; i < 20; ++i) clients.push_back(Connect(AF_INET));
+        for (RpcClient& client : clients)
+            EXPECT_EQ(AskNull(client, kNfs, 3).accept, uint32_t{SUCCESS});
+    }
+    EXPECT_EQ(AskNull(first, kNfs, 3).accept, uint32_t{SUCCESS});
     Stop();
 }
 
