@@ -31,6 +31,8 @@ inline nfs_fh3 MakeHandle(uint32_t fsmType, uint32_t shareId, unsigned char fill
 
 class MockFSM : public FSM {
   public:
+    MockFSM();
+    ~MockFSM() override;
     MOCK_METHOD(std::string, GetHandleString, (const nfs_fh3& handle), (override));
     MOCK_METHOD(BkEndProcPtr, GetBkEndProc, (ExportPtr & share, const nfs_fh3& handle), (override));
     MOCK_METHOD(bool, GetExportForHandle, (const nfs_fh3& handle, ExportPtr& share), (override));
@@ -38,8 +40,8 @@ class MockFSM : public FSM {
 
 class MockExport : public Export {
   public:
-    explicit MockExport(std::string path, ExportPtr parent = ExportPtr())
-        : Export(std::move(path), std::move(parent)) {}
+    explicit MockExport(std::string path, ExportPtr parent = ExportPtr());
+    ~MockExport() override;
     MOCK_METHOD(int, AddMountPoint, (const CLuIPAddr& client, nfs_fh3* root), (override));
     MOCK_METHOD(FSModuleType, GetFSMType, (), (override));
     MOCK_METHOD(unsigned, IsWritable, (), (override));
@@ -48,11 +50,8 @@ class MockExport : public Export {
 
 class MockBkEndProc : public BkEndProc {
   public:
-    explicit MockBkEndProc(std::string path, nfs_fh3 handle = nfs_fh3{})
-        : path_(std::move(path)), handle_(handle) {
-        ON_CALL(*this, GetPath).WillByDefault(testing::ReturnRef(path_));
-        ON_CALL(*this, GetFileHandle).WillByDefault([this](nfs_fh3* out) { *out = handle_; });
-    }
+    explicit MockBkEndProc(std::string path, nfs_fh3 handle = nfs_fh3{});
+    ~MockBkEndProc() override;
 
     MOCK_METHOD(int, Stat, (OxelCtxt*, const std::string& path, struct stat* out), (override));
     MOCK_METHOD(int, Access, (OxelCtxt*, const std::string& path, int mode), (override));
@@ -103,6 +102,15 @@ class MockBkEndProc : public BkEndProc {
     const std::string path_;
     const nfs_fh3 handle_;
 };
+
+}  // namespace oxel::test
+
+// Instantiated once, in contract_mocks.cpp: they are most of a test's compile time.
+extern template class testing::NiceMock<oxel::test::MockFSM>;
+extern template class testing::NiceMock<oxel::test::MockExport>;
+extern template class testing::NiceMock<oxel::test::MockBkEndProc>;
+
+namespace oxel::test {
 
 using NiceFSM = testing::NiceMock<MockFSM>;
 using NiceExport = testing::NiceMock<MockExport>;
