@@ -40,7 +40,7 @@ class MockFSM : public FSM {
 
 class MockExport : public Export {
   public:
-    explicit MockExport(std::string path, ExportPtr parent = ExportPtr());
+    explicit MockExport(std::string path = {}, ExportPtr parent = ExportPtr());
     ~MockExport() override;
     MOCK_METHOD(int, AddMountPoint, (const CLuIPAddr& client, nfs_fh3* root), (override));
     MOCK_METHOD(FSModuleType, GetFSMType, (), (override));
@@ -50,7 +50,7 @@ class MockExport : public Export {
 
 class MockBkEndProc : public BkEndProc {
   public:
-    explicit MockBkEndProc(std::string path, nfs_fh3 handle = nfs_fh3{});
+    explicit MockBkEndProc(std::string path = {}, nfs_fh3 handle = nfs_fh3{});
     ~MockBkEndProc() override;
 
     MOCK_METHOD(int, Stat, (OxelCtxt*, const std::string& path, struct stat* out), (override));
