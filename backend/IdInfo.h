@@ -12,7 +12,7 @@
 struct IdInfo {
     uid_t uid = 0;
     gid_t gid = 0;
-    std::vector<gid_t> groups;           // left empty by the dispatcher
-    const char* machineName = nullptr;   // not owned; valid during the call only
+    std::vector<gid_t> groups;          // left empty by the dispatcher
+    const char* machineName = nullptr;  // not owned; valid during the call only
     CLuIPAddr clientAddress;
 };

@@ -15,7 +15,9 @@ struct OxelCtxt {
     // For operations that touch two objects: REMOVE (the object and its directory), RENAME (the
     // source directory and the target directory).
     OxelCtxt(const IdInfo& caller, ExportPtr share, BkEndProcPtr worksOn, BkEndProcPtr second)
-        : id(caller), exportPtr(std::move(share)), object(std::move(worksOn)),
+        : id(caller),
+          exportPtr(std::move(share)),
+          object(std::move(worksOn)),
           secondObject(std::move(second)) {}
 
     const IdInfo& id;

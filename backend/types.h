@@ -10,7 +10,7 @@ class Export;
 class FSM;
 class BkEndProc;
 
-using ExportPtr = boost::shared_ptr<Export>;        // null: not resolved, or not found
+using ExportPtr = boost::shared_ptr<Export>;  // null: not resolved, or not found
 using FSMPtr = boost::shared_ptr<FSM>;
 using BkEndProcPtr = boost::shared_ptr<BkEndProc>;  // null: no such object
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // RFC 1813's records in memory. Names and field order are the RFC's; what differs is said where it
-// differs: the handle is three words and the module's bytes, verifiers are 64-bit numbers, names are
-// NUL-terminated heap strings, WRITE's data lies behind its argument record.
+// differs: the handle is three words and the module's bytes, verifiers are 64-bit numbers, names
+// are NUL-terminated heap strings, WRITE's data lies behind its argument record.
 #pragma once
 
 #include <rpc/types.h>
