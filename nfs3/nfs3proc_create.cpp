@@ -41,16 +41,6 @@ bool_t FillCreateFailRes(CREATE3res* result, nfsstat3 status) {
     return FillMadeFailRes(result, status);
 }
 
-static void DumpHow(createhow3& how) {
-    if (how.mode == UNCHECKED || how.mode == GUARDED) {
-        OXEL_LOG(3, "mode = %s", how.mode == UNCHECKED ? "UNCHECKED" : "GUARDED");
-        Dumpsattr3(how.obj_attributes);
-    } else {
-        OXEL_LOG(3, "mode = %s verf = %llu", "EXCLUSIVE",
-                 static_cast<unsigned long long>(how.Verifier()));
-    }
-}
-
 // EXCLUSIVE's verifier lies where the other modes have set_it and the mode: one whose first word is
 // 1 gives the mode with its second.
 static mode_t CreationMode(const createhow3& how) {
@@ -70,7 +60,14 @@ bool_t Handle_CREATE3(CallInfo3* call) {
         ValidateAndAuthorize(args.where.dir, call->identity, module, call->exportPtr, kForWrite);
     if (allowed != NFS3_OK) return FillCreateFailRes(result, allowed);
     DumpDiropArgs(module, &args.where);
-    DumpHow(how);
+    const bool hasAttributes = how.mode == UNCHECKED || how.mode == GUARDED;
+    if (hasAttributes) {
+        OXEL_LOG(3, "mode = %s", how.mode == UNCHECKED ? "UNCHECKED" : "GUARDED");
+        Dumpsattr3(how.obj_attributes);
+    } else {
+        OXEL_LOG(3, "mode = %s verf = %llu", "EXCLUSIVE",
+                 static_cast<unsigned long long>(how.Verifier()));
+    }
     const BkEndProcPtr parent = module->GetBkEndProc(call->exportPtr, args.where.dir);
     if (!parent) {
         OXEL_LOG(-1, "Error: Creating [%s]. Parent Directory Not Found. FH [%s] IP [%s]", name,
@@ -122,7 +119,7 @@ bool_t Handle_CREATE3(CallInfo3* call) {
     }
 
     OxelCtxt ctxt(call->identity, call->exportPtr, child);
-    if (how.mode == UNCHECKED || how.mode == GUARDED)
+    if (hasAttributes)
         (void)ApplySattr(&ctxt, &how.obj_attributes, path, NF3REG, false, nullptr);  // it logs
     if (child->Chown(&ctxt, "/", ctxt.id.uid, ctxt.id.gid) != 0) {
         const int err = errno;

@@ -145,28 +145,6 @@ bool_t FillWriteFailRes(WRITE3res* result, nfsstat3 status) {
     return FillFileFailRes(result, status);
 }
 
-// Writes the call's data, going on after short writes. 0, or the errno of the write that failed;
-// what was written before it stays written.
-static int WriteAll(OxelCtxt* ctxt, int fd, WRITE3args& args) {
-    // As wide as the file: no answer of a back end can make the sum start anew.
-    uint64_t written = 0;
-    while (written < args.count) {
-        const uint32_t rest = static_cast<uint32_t>(args.count - written);
-        ssize_t now = rest;
-        if (!gDummyReadsAndWrites) {
-            now = ctxt->object->Write(ctxt, fd, args.data() + written, args.offset + written, rest,
-                                      args.stable);
-            if (now < 0) return errno;
-            // A back end that can write nothing has to say why; asked again and again, it would
-            // hold this thread for ever.
-            if (now == 0) return EIO;
-        }
-        OXEL_LOG(4, "wrote [%d] bytes. fd [%d]", static_cast<int>(now), fd);
-        written += static_cast<uint64_t>(now);
-    }
-    return 0;
-}
-
 bool_t Handle_WRITE3(CallInfo3* call) {
     PerfCounterWrapper counter("NFS", 50);
     WRITE3args& args = call->arguments().write;
@@ -204,9 +182,32 @@ bool_t Handle_WRITE3(CallInfo3* call) {
     OpenFile file(&ctxt, fd);
     OXEL_LOG(4, "Opened [%s]. fd [%d]", BaseName(path).c_str(), fd);
 
-    const int err = WriteAll(&ctxt, fd, args);
+    // Short writes are gone on with; what was written before a failure stays written. The sum is
+    // wider than the count: no answer of a back end can make it start anew.
+    uint64_t written = 0;
+    ssize_t now = 0;
+    int err = 0;
+    while (written < args.count) {
+        const uint32_t rest = static_cast<uint32_t>(args.count - written);
+        if (gDummyReadsAndWrites) {
+            now = rest;
+        } else {
+            now = object->Write(&ctxt, fd, args.data() + written, args.offset + written, rest,
+                                args.stable);
+            err = errno;
+        }
+        if (now == 0) {
+            // A back end that can write nothing has to say why; asked again and again, it would
+            // hold this thread for ever.
+            now = -1;
+            err = EIO;
+        }
+        if (now < 0) break;
+        OXEL_LOG(4, "wrote [%d] bytes. fd [%d]", static_cast<int>(now), fd);
+        written += static_cast<uint64_t>(now);
+    }
     file.Close();
-    if (err != 0) {
+    if (now < 0) {
         OXEL_LOG(-1, "Error: Failed to write to [%s]. Error [%s]", BaseName(path).c_str(),
                  strerror(err));
         OXEL_LOG(4, "Closed [%s]. fd [%d]", BaseName(path).c_str(), fd);
