@@ -45,6 +45,39 @@ class SwapRace : public ChangeTest {
     }
 };
 
+// The same with the swap between finding the directory and each call, every time.
+TEST_F(SwapRace, ADirectoryThatWasFoundIsMeantWhateverItsNameLeadsTo) {
+    const std::string before = Outside();
+    const BkEndProcPtr d = Find("d"), f = Find("d/f");
+    ASSERT_TRUE(d && f);
+    ASSERT_EQ(syscall(SYS_renameat2, AT_FDCWD, InShare("d").c_str(), AT_FDCWD,
+                      InShare("link").c_str(), RENAME_EXCHANGE),
+              0);
+    const std::string path = d->GetPath();
+    ASSERT_EQ(path, InShare("d"));
+    OxelCtxt ctxt = Context(d);
+    const BkEndProcPtr made = d->CreateChild(&ctxt, "new", 0x442, 0666);
+    ASSERT_TRUE(made);
+    EXPECT_TRUE(Exists(InShare("link/new")));
+    EXPECT_EQ(WriteToObject(made, "written", 0, FILE_SYNC), 0);
+    EXPECT_EQ(TextOf(InShare("link/new")), "written");
+    const BkEndProcPtr madeDirectory = d->CreateChildDir(&ctxt, "newd", 0777);
+    ASSERT_TRUE(madeDirectory);
+    EXPECT_EQ(d->CreateSymlink(&ctxt, "target", path + "/newl"), 0);
+    EXPECT_TRUE(Exists(InShare("link/newd")) && Exists(InShare("link/newl")));
+    EXPECT_EQ(Outside(), before);
+
+    EXPECT_EQ(RenameObject(f, d, "f", d, "g"), 0);
+    EXPECT_TRUE(Exists(InShare("link/g")));
+    EXPECT_EQ(UnlinkObject(d, f, "g"), 0);
+    EXPECT_EQ(UnlinkObject(d, made, "new"), 0);
+    EXPECT_EQ(RemoveDirectoryObject(d, madeDirectory, "newd"), 0);
+    EXPECT_FALSE(Exists(InShare("link/g")) || Exists(InShare("link/new")));
+    // A path from before leads nowhere outside either.
+    EXPECT_EQ(d->HardLink(&ctxt, path + "/sub/f", path + "/hard"), -1);
+    EXPECT_EQ(Outside(), before);
+}
+
 TEST_F(SwapRace, NothingOutsideChanges) {
     constexpr int kRounds = 300;
     const std::string before = Outside();
