@@ -140,6 +140,8 @@ int BasicInit() {
         !MakeDirectoryOrSay(paths.logDir, 0755))
         return 0;
     (void)signal(SIGPIPE, SIG_IGN);  // cannot fail for this signal
+    // A write past the process's limit of file sizes fails with EFBIG instead.
+    (void)signal(SIGXFSZ, SIG_IGN);
     if (!OpenLog(paths, kLogSizeMbDefault)) return 0;
     RaiseDescriptorLimit();
     // Only now, so that what is wrong with the store stands in the log.

@@ -55,6 +55,11 @@ nfsstat3 ApplySattr(OxelCtxt* ctxt, sattr3* attributes, const std::string& path,
                     bool failOnError, nfstime3* guardCtime);
 void Dumpsattr3(sattr3& attributes);
 
+// ---- New names (nfs3proc_create.cpp) ----
+
+// Traces the directory and the name that a procedure works on.
+void DumpDiropArgs(FSMPtr& module, diropargs3* args);
+
 // ---- Directory entries (nfs3proc_readdir.cpp) ----
 
 // Makes the record of one name of the directory `dir` and hangs it into `link`, whose present flag
@@ -74,11 +79,21 @@ bool_t Handle_LOOKUP3(CallInfo3* call);
 bool_t Handle_ACCESS3(CallInfo3* call);
 bool_t Handle_READLINK3(CallInfo3* call);
 bool_t Handle_READ3(CallInfo3* call);
+bool_t Handle_WRITE3(CallInfo3* call);
+bool_t Handle_CREATE3(CallInfo3* call);
+bool_t Handle_MKDIR3(CallInfo3* call);
+bool_t Handle_SYMLINK3(CallInfo3* call);
+bool_t Handle_MKNOD3(CallInfo3* call);
+bool_t Handle_REMOVE3(CallInfo3* call);
+bool_t Handle_RMDIR3(CallInfo3* call);
+bool_t Handle_RENAME3(CallInfo3* call);
+bool_t Handle_LINK3(CallInfo3* call);
 bool_t Handle_READDIR3(CallInfo3* call);
 bool_t Handle_READDIRPLUS3(CallInfo3* call);
 bool_t Handle_FSSTAT3(CallInfo3* call);
 bool_t Handle_FSINFO3(CallInfo3* call);
 bool_t Handle_PATHCONF3(CallInfo3* call);
+bool_t Handle_COMMIT3(CallInfo3* call);
 
 void GetExport_GETATTR3(CallInfo3* call);
 void GetExport_SETATTR3(CallInfo3* call);
@@ -108,11 +123,21 @@ bool_t Free_LOOKUP3(CallInfo3* call);
 bool_t Free_ACCESS3(CallInfo3* call);
 bool_t Free_READLINK3(CallInfo3* call);
 bool_t Free_READ3(CallInfo3* call);
+bool_t Free_WRITE3(CallInfo3* call);
+bool_t Free_CREATE3(CallInfo3* call);
+bool_t Free_MKDIR3(CallInfo3* call);
+bool_t Free_SYMLINK3(CallInfo3* call);
+bool_t Free_MKNOD3(CallInfo3* call);
+bool_t Free_REMOVE3(CallInfo3* call);
+bool_t Free_RMDIR3(CallInfo3* call);
+bool_t Free_RENAME3(CallInfo3* call);
+bool_t Free_LINK3(CallInfo3* call);
 bool_t Free_READDIR3(CallInfo3* call);
 bool_t Free_READDIRPLUS3(CallInfo3* call);
 bool_t Free_FSSTAT3(CallInfo3* call);
 bool_t Free_FSINFO3(CallInfo3* call);
 bool_t Free_PATHCONF3(CallInfo3* call);
+bool_t Free_COMMIT3(CallInfo3* call);
 
 // Failure fillers: store the status, clear the attributes-follow flags of the failure arm,
 // return 1.
@@ -121,5 +146,15 @@ bool_t FillSETATTR3FailRes(SETATTR3res* result, nfsstat3 status);
 bool_t FillLOOKUP3FailRes(LOOKUP3res* result, nfsstat3 status);
 bool_t FillREADLINK3FailRes(READLINK3res* result, nfsstat3 status);
 bool_t FillREAD3FailRes(READ3res* result, nfsstat3 status);
+bool_t FillWriteFailRes(WRITE3res* result, nfsstat3 status);
+bool_t FillCreateFailRes(CREATE3res* result, nfsstat3 status);
+bool_t FillMkdirFailRes(MKDIR3res* result, nfsstat3 status);
+bool_t FillSymlink3FailRes(SYMLINK3res* result, nfsstat3 status);
+bool_t FillMKNodFailRes(MKNOD3res* result, nfsstat3 status);
+bool_t FillREMOVE3FailRes(REMOVE3res* result, nfsstat3 status);
+bool_t FillRMDIR3FailRes(RMDIR3res* result, nfsstat3 status);
+bool_t FillRENAME3FailRes(RENAME3res* result, nfsstat3 status);
+bool_t FillLink3FailRes(LINK3res* result, nfsstat3 status);
 bool_t FillRDirP3FailRes(READDIR3res* result, nfsstat3 status);
 bool_t FillRDirP3FailRes(READDIRPLUS3res* result, nfsstat3 status);
+bool_t FillCommitFailRes(COMMIT3res* result, nfsstat3 status);

@@ -12,8 +12,7 @@ bool_t Handle_NULL3(CallInfo3*) {
 }
 
 // ROW(number, NAME, handler, release, replyBytes) for each procedure after NULL, in the order of
-// RFC 1813. The share getter, the codec and the name text follow from NAME. A row without a handler
-// is answered with PROC_UNAVAIL.
+// RFC 1813. The share getter, the codec and the name text follow from NAME.
 #define NFS3_ROWS(ROW)                                                 \
     ROW(1, GETATTR3, Handle_GETATTR3, nullptr, 96)                     \
     ROW(2, SETATTR3, Handle_SETATTR3, nullptr, 136)                    \
@@ -21,21 +20,21 @@ bool_t Handle_NULL3(CallInfo3*) {
     ROW(4, ACCESS3, Handle_ACCESS3, nullptr, 112)                      \
     ROW(5, READLINK3, Handle_READLINK3, Free_READLINK3, 112)           \
     ROW(6, READ3, Handle_READ3, Free_READ3, 120)                       \
-    ROW(7, WRITE3, nullptr, nullptr, 152)                              \
-    ROW(8, CREATE3, nullptr, nullptr, 304)                             \
-    ROW(9, MKDIR3, nullptr, nullptr, 304)                              \
-    ROW(10, SYMLINK3, nullptr, nullptr, 304)                           \
-    ROW(11, MKNOD3, nullptr, nullptr, 304)                             \
-    ROW(12, REMOVE3, nullptr, nullptr, 136)                            \
-    ROW(13, RMDIR3, nullptr, nullptr, 136)                             \
-    ROW(14, RENAME3, nullptr, nullptr, 264)                            \
-    ROW(15, LINK3, nullptr, nullptr, 232)                              \
+    ROW(7, WRITE3, Handle_WRITE3, Free_WRITE3, 152)                    \
+    ROW(8, CREATE3, Handle_CREATE3, nullptr, 304)                      \
+    ROW(9, MKDIR3, Handle_MKDIR3, nullptr, 304)                        \
+    ROW(10, SYMLINK3, Handle_SYMLINK3, Free_SYMLINK3, 304)             \
+    ROW(11, MKNOD3, Handle_MKNOD3, nullptr, 304)                       \
+    ROW(12, REMOVE3, Handle_REMOVE3, nullptr, 136)                     \
+    ROW(13, RMDIR3, Handle_RMDIR3, nullptr, 136)                       \
+    ROW(14, RENAME3, Handle_RENAME3, nullptr, 264)                     \
+    ROW(15, LINK3, Handle_LINK3, nullptr, 232)                         \
     ROW(16, READDIR3, Handle_READDIR3, Free_READDIR3, 136)             \
     ROW(17, READDIRPLUS3, Handle_READDIRPLUS3, Free_READDIRPLUS3, 136) \
     ROW(18, FSSTAT3, Handle_FSSTAT3, nullptr, 160)                     \
     ROW(19, FSINFO3, Handle_FSINFO3, nullptr, 160)                     \
     ROW(20, PATHCONF3, Handle_PATHCONF3, nullptr, 128)                 \
-    ROW(21, COMMIT3, nullptr, nullptr, 144)
+    ROW(21, COMMIT3, Handle_COMMIT3, nullptr, 144)
 
 // The library's routine type has a variable argument list, which ours do not: hence the cast, by
 // way of a type that compilers take as "any function".

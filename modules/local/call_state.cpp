@@ -65,4 +65,13 @@ boost::shared_ptr<LocalObject> CallState::ByPath(const ShareRoot& share, const s
     return nullptr;
 }
 
+boost::shared_ptr<LocalObject> CallState::ByPath(const std::string& path) {
+    for (const Slot& slot : slots_) {
+        if (slot.node == 0) continue;
+        boost::shared_ptr<LocalObject> object = slot.object.lock();
+        if (object && object->GetPath() == path) return object;
+    }
+    return nullptr;
+}
+
 }  // namespace oxel::local

@@ -35,6 +35,8 @@ class CallState {
     void ForgetStats();
     // The object of the running call that has this path, or null.
     boost::shared_ptr<LocalObject> ByPath(const ShareRoot& share, const std::string& path);
+    // The same, of whatever share.
+    boost::shared_ptr<LocalObject> ByPath(const std::string& path);
 
   private:
     struct Slot {

@@ -15,6 +15,7 @@
 #include "modules/local/local_module.h"
 #include "modules/local/object_cache.h"
 #include "modules/local/syscalls.h"
+#include "modules/local/write_errors.h"
 
 namespace oxel::local {
 namespace {
@@ -44,6 +45,10 @@ LocalExport::LocalExport(std::string path, ClientRules rules,
 LocalExport::~LocalExport() {
     if (!root_->DropExport()) return;
     // Nobody exports the directory any more: what is kept open must not keep its file system busy.
+    (void)Guarded(-1, [] {  // what it does not reach is told to the writers later
+        DelayedWrites::Instance().SettleIdle(NowMs() + 1);
+        return 0;
+    });
     ObjectCache::Instance().DropShare(root_->Serial());
     gFdCache.Clear();
 }

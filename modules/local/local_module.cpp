@@ -3,7 +3,10 @@
 // The module: handles to shares and objects.
 #include "modules/local/local_module.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include <boost/make_shared.hpp>
 
@@ -16,6 +19,7 @@
 #include "modules/local/object_cache.h"
 #include "modules/local/resolver.h"
 #include "modules/local/syscalls.h"
+#include "modules/local/write_errors.h"
 
 namespace oxel::local {
 namespace {
@@ -90,6 +94,10 @@ class LocalModule final : public FSM {
 namespace oxel {
 
 FSMPtr MakeLocalModule(FSModuleType type) {
+    // Clients have taken their own mask into account; the process's belongs to nobody. What the
+    // daemon makes for itself it makes with modes that need no mask.
+    static const mode_t before = umask(0);
+    (void)before;
     return boost::make_shared<local::LocalModule>(type);
 }
 
@@ -103,6 +111,9 @@ std::string DescribeLocalModule() {
 }
 
 void DropIdleLocalFiles(unsigned idleMs) {
+    // The kernel has written most of such data by then, so this seldom waits for the disk.
+    constexpr unsigned kUncommittedMs = 30 * 1000;
+    local::DelayedWrites::Instance().SettleIdle(local::NowMs() - std::max(idleMs, kUncommittedMs));
     gFdCache.ForgetIdle(idleMs);
     local::ObjectCache::Instance().DropIdle(local::NowMs() - int64_t{idleMs} + 1);
 }

@@ -15,7 +15,8 @@ namespace oxel {
 // 0600). Must run before a module or share is made. False with a reason for people in *error.
 bool InitializeHandleKey(const std::string& keyFile, std::string* error);
 
-// The module itself, for one of its two types.
+// The module itself, for one of its two types. Sets the process's umask to 0: what clients make has
+// the mode that they ask for.
 FSMPtr MakeLocalModule(FSModuleType type);
 
 // One share. Null, with a reason for people in *error, when its directory cannot be opened.

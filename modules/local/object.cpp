@@ -19,6 +19,7 @@ std::atomic<int64_t> gPathBelievedMs{1000};
 namespace {
 
 std::atomic<uint64_t> nodeSerials{0};
+std::atomic<int64_t> directoryMovedMs{-1};
 
 // Mode and owner in one number, mixed so that swapping two values changes it.
 uint64_t PermissionMark(const struct stat& st) {
@@ -69,9 +70,14 @@ void FileNode::PathVerified(int64_t changeTime, int64_t nowMs) {
 }
 
 bool FileNode::PathMayHaveChanged(int64_t changeTime, int64_t nowMs) const {
+    const int64_t verifiedMs = verifiedMs_.load(std::memory_order_relaxed);
     return changeTime != verifiedChangeTime_.load(std::memory_order_relaxed) ||
-           nowMs - verifiedMs_.load(std::memory_order_relaxed) >=
-               gPathBelievedMs.load(std::memory_order_relaxed);
+           verifiedMs <= directoryMovedMs.load(std::memory_order_relaxed) ||
+           nowMs - verifiedMs >= gPathBelievedMs.load(std::memory_order_relaxed);
+}
+
+void NoteDirectoryMove() {
+    directoryMovedMs.store(NowMs(), std::memory_order_relaxed);
 }
 
 boost::shared_ptr<LocalObject> LocalObject::FromFd(const std::shared_ptr<ShareRoot>& share,

@@ -2,7 +2,7 @@
 //
 // A file, directory, link or device node inside a share. The class's operations stand in several
 // files by what they do: object.cpp (finding), object_attr.cpp, object_io.cpp, object_names.cpp,
-// object_dir.cpp, object_changes.cpp.
+// object_dir.cpp, object_write.cpp, object_create.cpp, object_remove.cpp.
 #pragma once
 
 #include <atomic>
@@ -67,6 +67,8 @@ class FileNode {
 
 // For how long a path is believed while nothing about the object itself has changed. Tests set 0.
 extern std::atomic<int64_t> gPathBelievedMs;
+// A directory has been renamed through this process: no path below it is believed any longer.
+void NoteDirectoryMove();
 
 class LocalObject final : public BkEndProc, public boost::enable_shared_from_this<LocalObject> {
   public:
@@ -138,6 +140,27 @@ class LocalObject final : public BkEndProc, public boost::enable_shared_from_thi
     Ptr Child(OxelCtxt* ctxt, const std::string& name);
     Ptr ChildUnchecked(const std::string& name, struct stat* st);
     Ptr Parent(OxelCtxt* ctxt, const CallerRights& rights);
+    Ptr Adopt(UniqueFd fd, std::string path, const std::string& name, struct stat* st);
+    void RememberPlace(const LocalObject& directory, const std::string& name);
+
+    // object_create.cpp
+    bool MayMake(const std::string& name, int dots, std::string* path) const;
+    Ptr MakeFile(const std::string& name, const std::string& path, int flags, mode_t mode,
+                 struct stat* st);
+    Ptr OpenExisting(const CallerRights& rights, const std::string& name, int flags,
+                     struct stat* st);
+    Ptr LinkSource(OxelCtxt* ctxt, const std::string& path);
+
+    // object_remove.cpp
+    bool IsAt(const LocalObject& directory, const std::string& name) const;
+    int RemoveName(const CallerRights& rights, LocalObject& directory, const std::string& name,
+                   int flags);
+    void NameRemoved(const LocalObject& directory, const std::string& name);
+    void Moved(const LocalObject& directory, const std::string& name, std::string path);
+
+    // object_write.cpp
+    ssize_t WriteStable(OxelCtxt* ctxt, int fd, const void* data, off_t offset, uint32_t count,
+                        stable_how stable);
 
     // object_attr.cpp and object_io.cpp: the operations on this object itself.
     int StatSelf(struct stat* out);

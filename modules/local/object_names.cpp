@@ -2,27 +2,16 @@
 //
 // Finding objects by name: children, parents, and what symbolic links say.
 #include <fcntl.h>
-#include <limits.h>
 #include <unistd.h>
 
 #include "modules/local/call_state.h"
 #include "modules/local/local_export.h"
+#include "modules/local/names.h"
 #include "modules/local/object.h"
 #include "modules/local/object_cache.h"
 #include "modules/local/syscalls.h"
 
 namespace oxel::local {
-namespace {
-
-// What the kernel answers for a name that is not the name of a directory entry. 0 when it may be.
-int NameError(const std::string& name) {
-    if (name.empty()) return ENOENT;
-    if (name.size() > NAME_MAX) return ENAMETOOLONG;
-    if (name.find_first_of(std::string_view("/\0", 2)) != std::string::npos) return EACCES;
-    return 0;
-}
-
-}  // namespace
 
 BkEndProcPtr LocalObject::FindChild(OxelCtxt* ctxt, const std::string& name) {
     return Guarded(BkEndProcPtr(), [&]() -> BkEndProcPtr {
@@ -57,24 +46,25 @@ boost::shared_ptr<LocalObject> LocalObject::Child(OxelCtxt* ctxt, const std::str
 boost::shared_ptr<LocalObject> LocalObject::ChildUnchecked(const std::string& name,
                                                            struct stat* st) {
     std::string path;
-    path.reserve(path_.size() + 1 + name.size());
-    path += path_;
-    if (path.back() != '/') path += '/';
-    path += name;
-    if (path.size() >= PATH_MAX) {
-        errno = ENAMETOOLONG;  // as for a local caller; the kernel could not tell such a path
-        return nullptr;
-    }
+    if (!PathBelow(path_, name, &path)) return nullptr;
     UniqueFd fd = OpenInside(node_->Fd(), name.c_str());
-    if (!fd) return nullptr;
+    return fd ? Adopt(std::move(fd), std::move(path), name, st) : nullptr;
+}
+
+// Takes the descriptor of this directory's entry `name`.
+boost::shared_ptr<LocalObject> LocalObject::Adopt(UniqueFd fd, std::string path,
+                                                  const std::string& name, struct stat* st) {
     Ptr child = FromFd(share_, std::move(fd), std::move(path), st);
     if (!child) return nullptr;
-    // The kernel can always tell the path of a directory that it has a handle of.
-    if (share_->Kind() == HandleKind::kInode || child->node_->Type() != S_IFDIR) {
-        share_->Places().Put(child->node_->Inode(), {std::string(node_->Id().Body()), name});
-    }
+    child->RememberPlace(*this, name);
     ObjectCache::Instance().Put(child);
     return child;
+}
+
+// The kernel can always tell the path of a directory that it has a handle of.
+void LocalObject::RememberPlace(const LocalObject& directory, const std::string& name) {
+    if (share_->Kind() != HandleKind::kInode && node_->Type() == S_IFDIR) return;
+    share_->Places().Put(node_->Inode(), {std::string(directory.node_->Id().Body()), name});
 }
 
 BkEndProcPtr LocalObject::GetParent(OxelCtxt* ctxt) {

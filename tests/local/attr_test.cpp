@@ -189,12 +189,5 @@ TEST_F(Attributes, LinksTellTheirTargetUpToTheCapacity) {
     EXPECT_EQ(errno, EINVAL);
 }
 
-TEST_F(Attributes, OperationsYetToComeSayEnosys) {
-    const BkEndProcPtr root = Root();
-    OxelCtxt ctxt = AsSelf(root);
-    EXPECT_FALSE(root->CreateChild(&ctxt, "new", O_CREAT, 0644));
-    EXPECT_EQ(errno, ENOSYS);
-}
-
 }  // namespace
 }  // namespace oxel::testing
