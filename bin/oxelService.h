@@ -87,7 +87,8 @@ OxelServiceStatus StartTcpService(RPCServiceArgs* args);
 void* svcRun(void* unused);
 // Ends the receive loop's present wait; any thread.
 void WakeReceiveLoop();
-// Waits until the receive loop has ended, if it runs. False after `milliseconds`.
+// Waits until the receive loop has ended, if it runs, and its thread with it. False after
+// `milliseconds`. For the thread that ends the process.
 bool WaitForReceiveLoop(uint32_t milliseconds);
 void SaveServicePort(unsigned int program, unsigned short port);
 // Closes the socket if it is valid, with the transports on it, and frees and clears both entries.

@@ -62,6 +62,12 @@ const oxel::UniqueFd gWakeReceiveLoop(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
 XoEvent gReceiveLoopEnded(true);
 std::atomic<bool> gReceiveLoopRuns{false};
 
+// The thread that becomes the receive loop.
+XoThread& NfsThread() {
+    static auto* thread = new XoThread;
+    return *thread;
+}
+
 }  // namespace
 
 bool StartNetworkServices(std::string& failedStep) {
@@ -99,7 +105,7 @@ bool StartNfs3Service(bool retry) {
     gFdCache.Init(gOxelFdCacheSize);
     // The service that works stays for the life of the process, with its thread.
     static std::unique_ptr<RPCServiceArgs> args;
-    static XoThread thread;
+    XoThread& thread = NfsThread();
     while (OxelServiceGlobals::exitProcess == 0) {
         args = std::make_unique<RPCServiceArgs>(OxelServiceGlobals::nfsProgram,
                                                 OxelServiceGlobals::nfsPort, 3, NfsDispatcher(),
@@ -398,5 +404,8 @@ void WakeReceiveLoop() {
 }
 
 bool WaitForReceiveLoop(uint32_t milliseconds) {
-    return !gReceiveLoopRuns || gReceiveLoopEnded.wait(milliseconds);
+    if (!gReceiveLoopRuns) return true;
+    if (!gReceiveLoopEnded.wait(milliseconds)) return false;
+    NfsThread().join();  // it has nothing left to do
+    return true;
 }
