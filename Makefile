@@ -21,13 +21,13 @@ build: deps ## Build daemon and oxelctl (build/release/bin)
 run: build ## Serve a directory: make run DIR=/some/directory
 	@scripts/run.sh "$(DIR)" "$(PORT)"
 
-test: deps ## Everything: unit, wire and system tests, plain and under the sanitizers
-	@scripts/test.sh release asan tsan
+test: deps ## Everything: unit, wire and system tests of the release build
+	@scripts/test.sh release
 
-asan: deps ## The tests under the address and undefined-behaviour sanitizers
+asan: deps ## The same tests under the address and undefined-behaviour sanitizers
 	@scripts/test.sh asan
 
-tsan: deps ## The tests under the thread sanitizer
+tsan: deps ## The same tests under the thread sanitizer
 	@scripts/test.sh tsan
 
 bench: deps ## Measure: server CPU per call, entries per second (docs/benchmarks.md)

@@ -15,7 +15,7 @@ namespace oxel::test {
 
 // True as soon as `condition` is, asked every few milliseconds; false when `timeoutMs` went by. The
 // time-out is for what never comes: sanitizer builds on a busy machine are slow.
-bool WaitUntil(const std::function<bool()>& condition, unsigned timeoutMs = 30000);
+bool WaitUntil(const std::function<bool()>& condition, unsigned timeoutMs = 120000);
 
 std::string ReadFile(const std::string& file);
 
@@ -66,7 +66,7 @@ class Daemon {
     void Launch(const std::vector<std::string>& arguments);
     // The exit code of a launched daemon that ends by itself; -1 when it does not, 128 + the number
     // of the signal that ended it.
-    int WaitForExit(unsigned timeoutMs = 30000);
+    int WaitForExit(unsigned timeoutMs = 120000);
     // SIGTERM, then WaitForExit.
     int Stop();
     // SIGKILL, and its end.
@@ -81,7 +81,7 @@ class Daemon {
     // The log of all runs of the instance, and whether a text came or comes into it.
     std::string Log() const;
     bool LogHas(const std::string& text) const;
-    bool WaitForLog(const std::string& text, unsigned timeoutMs = 10000) const;
+    bool WaitForLog(const std::string& text, unsigned timeoutMs = 30000) const;
     std::string StandardError() const;
     std::string RuntimeConf() const;
 

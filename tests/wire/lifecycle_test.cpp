@@ -283,10 +283,6 @@ TEST_F(Lifecycle, BrokenLinesAreReportedAndTheRestIsServed) {
     EXPECT_TRUE(
         daemon_.LogHas("wire.exports:3: directory '" + tree_.Path("gone") + "' does not exist"));
     EXPECT_TRUE(Serves());
-    std::string output;
-    EXPECT_EQ(daemon_.Control({"check"}, &output), 1);
-    for (const char* text : {"wire.conf:3", "wire.conf:4", "wire.exports:1", "wire.exports:3"})
-        EXPECT_NE(output.find(text), std::string::npos) << output;
 }
 
 TEST_F(Lifecycle, WithoutAnyFilesTheDaemonServesNoShares) {
@@ -296,23 +292,16 @@ TEST_F(Lifecycle, WithoutAnyFilesTheDaemonServesNoShares) {
     EXPECT_EQ(Hex(client.Results(client.Mount(mnt::kExport, ""))), "00000000");
 }
 
-TEST_F(Lifecycle, AHangUpReopensTheLogAndReloadsTheShares) {
+TEST_F(Lifecycle, AHangUpReopensTheLog) {
     ASSERT_TRUE(daemon_.Start());
     const std::string log = tree_.Path("var/log/oxelnfsd/wire.log");
     ASSERT_EQ(rename(log.c_str(), (log + ".moved").c_str()), 0);
-    tree_.MakeDir("more");
-    tree_.WriteExports("wire", "/share -dir=" + tree_.Path("share") + ",id=7 *(rw,insecure)\n" +
-                                   "/more -dir=" + tree_.Path("more") + " *(insecure)\n");
+    daemon_.Signal(SIGHUP);
+    ASSERT_TRUE(WaitUntil([&] { return access(log.c_str(), F_OK) == 0; }));
     NfsClient client(daemon_.Port());
     const std::string root = client.MountShare("/share");
-    daemon_.Signal(SIGHUP);
-    EXPECT_TRUE(WaitUntil([&] {
-        uint32_t status = 1;
-        client.MountShare("/more", &status);
-        return status == 0;
-    }));
     EXPECT_EQ(client.GetAttributes(root).type, 2u);
-    EXPECT_TRUE(daemon_.WaitForLog("Request to mount [/more]."));
+    EXPECT_TRUE(daemon_.WaitForLog("Request to mount [/share]."));
 }
 
 TEST_F(Lifecycle, AnotherServersPortIsLeftToIt) {
