@@ -54,16 +54,14 @@ class LibnfsClient {
 // Walks a share and compares it with its directory. Stops after a number of differences.
 class TreeComparison {
   public:
-    enum class Atimes { kOursAlone, kOthersToo };
     enum class Share { kReadOnly, kWritable };
     TreeComparison(LibnfsClient& client, uint16_t port, std::string directory, Share share,
-                   Atimes atimes, std::function<bool(size_t)> readsFile)
+                   std::function<bool(size_t)> readsFile)
         : client_(client),
           plain_(port),
           root_(plain_.MountShare("/tree")),
           directory_(std::move(directory)),
           writable_(share == Share::kWritable),
-          atimes_(atimes),
           readsFile_(std::move(readsFile)),
           buffer_(kReadBytes),
           local_(kReadBytes) {}
@@ -93,7 +91,6 @@ class TreeComparison {
     const std::string root_;
     const std::string directory_;
     const bool writable_;
-    const Atimes atimes_;
     const std::function<bool(size_t)> readsFile_;  // by the file's number in the walk
     std::vector<char> buffer_, local_;
     size_t files_ = 0, objects_ = 0;
@@ -140,10 +137,7 @@ void TreeComparison::CompareEntry(const std::string& path, const nfsdirent& entr
     same("the ctime", static_cast<uint32_t>(entry.ctime.tv_sec), expected.ctime);
     // Whoever reads a file meanwhile moves its time on, and nothing moves it back.
     const uint32_t atime = static_cast<uint32_t>(entry.atime.tv_sec);
-    if (atimes_ == Atimes::kOursAlone && expected.type != 2)
-        same("the atime", atime, expected.atime);
-    else
-        Expect(atime <= expected.atime, path, "the atime is ahead");
+    Expect(atime <= expected.atime, path, "the atime is ahead");
     if (expected.type == 5) CompareLink(path);
     if (expected.type == 1 && readsFile_(files_++)) CompareContent(path, expected);
 }
@@ -225,10 +219,9 @@ class LibnfsTree : public testing::TestWithParam<Threads> {
 TEST_P(LibnfsTree, OneClientSeesEveryNameAttributeLinkAndByte) {
     LibnfsClient client(daemon_.Port(), "/tree");
     ASSERT_TRUE(client.Mounted());
-    TreeComparison comparison(client, daemon_.Port(), directory_, TreeComparison::Share::kReadOnly,
-                              TreeComparison::Atimes::kOthersToo, [](size_t file) {
-                                  return GetParam() == Threads::kMany || file % 4 == 0;
-                              });
+    TreeComparison comparison(
+        client, daemon_.Port(), directory_, TreeComparison::Share::kReadOnly,
+        [](size_t file) { return GetParam() == Threads::kMany || file % 4 == 0; });
     comparison.Run();
     EXPECT_GE(comparison.Files(), LargeTreeFilesMin()) << directory_;
     RecordProperty("objects", static_cast<int>(comparison.Objects()));
@@ -245,7 +238,6 @@ TEST_P(LibnfsTree, FourClientsAtOnceSeeTheSame) {
             // All walk everything; each reads its share of the files, and one in fifty all read.
             TreeComparison comparison(
                 client, daemon_.Port(), directory_, TreeComparison::Share::kReadOnly,
-                TreeComparison::Atimes::kOthersToo,
                 [n](size_t file) { return file % (2 * kClients) == n || file % 50 == 0; });
             comparison.Run();
             files += comparison.Files();
@@ -300,7 +292,7 @@ TEST_P(LibnfsWork, FilesAreMadeWrittenRenamedAndRemoved) {
     ASSERT_EQ(nfs_chmod(nfs, "/dir/file4", 0600), 0) << client.Error();
     EXPECT_EQ(ExpectedAttributes(directory_ + "/dir/file4").mode, 0600u);
     TreeComparison comparison(client, daemon_.Port(), directory_, TreeComparison::Share::kWritable,
-                              TreeComparison::Atimes::kOthersToo, [](size_t) { return true; });
+                              [](size_t) { return true; });
     comparison.Run();
     EXPECT_EQ(comparison.Objects(), 53u);
     for (const std::string& name : LocalNames(directory_ + "/dir"))
