@@ -2,10 +2,12 @@
 //
 // Process entry: the command line, the claim on the instance, the start of the services, and
 // waiting for the end.
+#include <poll.h>
 #include <signal.h>
 #include <strings.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -123,26 +125,34 @@ static sigset_t HandledSignals() {
     return signals;
 }
 
-static void* WaitForSignals(void*) {
-    const sigset_t signals = HandledSignals();
-    for (int number = 0;;) {
-        if (sigwait(&signals, &number) != 0) continue;
-        if (number != SIGHUP)
-            RequestStop();
-        else if (!oxel::LogWriter::Reopen())
-            OXEL_LOG(-1, "Error: Failed to reopen the log. [%s]", strerror(errno));
-    }
-    return nullptr;
-}
-
-// The end of the process, from the named lock's holder.
-[[noreturn]] static void Leave(XoNamedMutex* lock) {
+// The end of the process: from the named lock's holder, or from the thread that waits for signals.
+[[noreturn]] static void Leave(XoNamedMutex* lock, uint32_t loopWaitMs) {
+    static std::atomic<bool> leaving{false};
+    if (leaving.exchange(true))
+        for (;;) pause();  // the other thread is about to end the process
     // The receive loop takes the control socket away; it needs a moment, not a whole cycle.
-    WaitForReceiveLoop(kIdleMs);
+    WaitForReceiveLoop(loopWaitMs);
     StopPellService();
     EvDebug::Debug("main", "oxelnfsd exiting.");
     if (lock != nullptr) lock->unlock();
     _exit(0);
+}
+
+static void* WaitForSignals(void*) {
+    const sigset_t signals = HandledSignals();
+    for (int number = 0;;) {
+        if (sigwait(&signals, &number) != 0) continue;
+        if (number == SIGHUP) {
+            if (!oxel::LogWriter::Reopen())
+                OXEL_LOG(-1, "Error: Failed to reopen the log. [%s]", strerror(errno));
+            continue;
+        }
+        RequestStop();
+        // main() ends the process, unless it is held up by somebody who does not know that it is to
+        // end: a port mapper that does not answer has a minute.
+        (void)poll(nullptr, 0, kIdleMs);
+        Leave(nullptr, 0);
+    }
 }
 
 int main(int argc, char** argv) {
@@ -193,18 +203,18 @@ int main(int argc, char** argv) {
     } else {
         OxelServiceGlobals::SetOxelStatus(OxelStarted);
     }
-    if (OxelServiceGlobals::exitProcess != 0) Leave(nullptr);
+    if (OxelServiceGlobals::exitProcess != 0) Leave(nullptr, kIdleMs);
 
     EvDebug::Debug("main", "Going to acquire Korvane-oxelnfsdService Lock");
     XoNamedMutex lock("Korvane-oxelnfsdService" + instance);
     if (lock.lock())
         EvDebug::Debug("main", "Korvane-oxelnfsdService Lock acquired");
     else if (OxelServiceGlobals::exitProcess != 0)
-        Leave(nullptr);  // asked to stop while another process had it
+        Leave(nullptr, kIdleMs);  // asked to stop while another process had it
     else
         OXEL_LOG(-1, "Error: No Korvane-oxelnfsdService lock. [%s]", strerror(errno));
     if (AdvancedInit() != 1) exitOnFatalError("AdvancedInit");
 
     while (OxelServiceGlobals::exitProcess == 0) LUSLEEP(kIdleMs);
-    Leave(&lock);
+    Leave(&lock, kIdleMs);
 }

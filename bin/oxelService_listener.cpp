@@ -53,8 +53,8 @@ SharedListener& Listener() {
     return listener;
 }
 
-// Keeps the receive loop out of the library while transports are made or destroyed elsewhere: a new
-// listener must not accept before it is guarded.
+// Keeps the receive loop from accepting while listening transports are made or destroyed elsewhere:
+// a new one must not accept before it is guarded.
 XoCriticalSection gTransportTableLock;
 
 // The receive loop's life, for those who wait for it.
@@ -373,9 +373,11 @@ void* svcRun(void*) {
     const int wake = gWakeReceiveLoop.Get();
     while (OxelServiceGlobals::exitProcess == 0) {
         fd_set ready;
+        int listener;
         {
             XoCriticalSectionGuard lock(gTransportTableLock);
             ready = svc_fdset;
+            listener = Listener().socket.GetDescriptor();
         }
         if (wake >= 0 && wake < FD_SETSIZE) FD_SET(wake, &ready);
         timeval patience{kSelectSeconds, 0};
@@ -385,7 +387,12 @@ void* svcRun(void*) {
                 (void)eventfd_read(wake, &count);  // emptied; the loop's condition decides
                 FD_CLR(wake, &ready);
             }
-            XoCriticalSectionGuard lock(gTransportTableLock);
+            if (listener >= 0 && listener < FD_SETSIZE && FD_ISSET(listener, &ready)) {
+                XoCriticalSectionGuard lock(gTransportTableLock);
+                svc_getreq_common(listener);
+                FD_CLR(listener, &ready);
+            }
+            // Without the lock: a client in the middle of a record must not hold up a start.
             svc_getreqset(&ready);
         }
         if (gPrintPerfStats && gPerfFlag) {
