@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -387,6 +388,25 @@ TEST_IN_CHILD(MainEnd, SignalWhileTheNfsStartWaitsForItsPortEndsIt) {
     const std::string log = ReadFile(root.paths().log);
     EXPECT_THAT(log, HasSubstr("Failed to . Error [Port already occupied]"));
     EXPECT_THAT(log, HasSubstr("Not starting mount service as NFS service failed to start."));
+}
+
+TEST_IN_CHILD(MainEnd, SignalWhileThePortMapperDoesNotAnswerEndsIt) {
+    ENTER_PRIVATE_NETWORK_OR_SKIP();
+    // It takes the connection, and that is all.
+    UniqueFd mapper(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, "/run/rpcbind.sock");
+    ASSERT_EQ(bind(mapper.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(mapper.Get(), 10), 0);
+    const PrivateRoot root;
+    Daemon daemon({"-cn", "c", "-vm", "Test"});
+    UniqueFd asked(accept4(mapper.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+    ASSERT_TRUE(asked);
+    daemon.Signal(SIGTERM);
+    EXPECT_EQ(daemon.End(), 0);
+    EXPECT_TRUE(daemon.said().ends_with("oxelnfsd exiting.\n")) << daemon.said();
+    EXPECT_FALSE(std::filesystem::exists(root.paths().controlSocket));
 }
 
 TEST_IN_CHILD(MainEnd, SighupReopensTheLogAndPipesThatBreakAreIgnored) {

@@ -191,6 +191,26 @@ TEST_IN_CHILD(NetworkServices, LoopWritesTheCountersWhenAsked) {
     Stop();
 }
 
+TEST_IN_CHILD(NetworkServices, AClientInTheMiddleOfARecordDoesNotHoldUpTheStart) {
+    PrivateRoot root(kConf);
+    signal(SIGPIPE, SIG_IGN);
+    ASSERT_TRUE(InitializeNFSRPCThreadPool());
+    InitializeNfs3Service();
+    InitializeMount3Service();
+    ASSERT_TRUE(StartNfs3Service(true));
+    RpcClient client = Connect(AF_INET);
+    RpcCall call;
+    const std::string next = RpcCall{.xid = 2}.Bytes();
+    client.Send(call.Bytes() + next.substr(0, 10));
+    EXPECT_EQ(client.Expect().xid, 1u);
+    // The loop reads on for the rest; the RPC library would give the client up after 35 seconds.
+    EXPECT_TRUE(StartMount3Service(nullptr));
+    client.Send(next.substr(10));
+    EXPECT_EQ(client.Expect().xid, 2u);
+    EXPECT_EQ(gServiceCount, 4u);
+    Stop();
+}
+
 TEST_IN_CHILD(NetworkServices, LoopServesClientsThatComeGoAndReset) {
     PrivateRoot root(kConf);
     Start();
