@@ -114,6 +114,7 @@ bool StartNfs3Service(bool retry) {
         if (thread.start("NFS", StartRPCService, args.get())) {
             args->doneEvent.wait();
             if (args->started) {
+                gReceiveLoopRuns = true;  // or is about to
                 OxelServiceGlobals::SetNFSPort(args->port);
                 OXEL_LOG(1, "Started NFS service. Port [%hu].", args->port);
                 return true;
@@ -367,8 +368,6 @@ void SaveServicePort(unsigned int program, unsigned short port) {
 
 void* svcRun(void*) {
     OXEL_LOG(1, "In SvcRun. This routine calls dispatcher upon receipt of protocol RPCs.");
-    gReceiveLoopEnded.reset();
-    gReceiveLoopRuns = true;
     oxel::ReserveLowDescriptors();
     const int wake = gWakeReceiveLoop.Get();
     while (OxelServiceGlobals::exitProcess == 0) {
