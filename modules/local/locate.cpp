@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <limits.h>
+#include <time.h>
 
 #include <cerrno>
 
@@ -18,6 +19,9 @@ namespace {
 
 // For this long a search that found nothing is not repeated for an object that has not changed.
 constexpr int64_t kMissingMs = 30 * 1000;
+// Change times are as coarse as the kernel's clock tick: a second change within this time may leave
+// them as they are.
+constexpr int64_t kChangeTimeTickNs = 20 * 1000 * 1000;
 constexpr int kDepthMax = PATH_MAX / 2;
 constexpr int kRenamesMax = 32;
 
@@ -87,6 +91,13 @@ bool KnownMissing(ShareRoot& share, const std::string& body, int64_t changeTime)
            NowMs() - missing.atMs < kMissingMs;
 }
 
+// A change that comes after this moment will show in the change time.
+bool ChangeWouldShow(int64_t changeTime) {
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec - changeTime > kChangeTimeTickNs;
+}
+
 // A file with one name whose name lies outside the share is outside; one with several names, or
 // whose place the kernel does not know, may still be inside.
 bool MayBeElsewhere(const std::string& path, const struct stat& st) {
@@ -102,17 +113,15 @@ bool MayBeElsewhere(const std::string& path, const struct stat& st) {
 bool Locate(ShareRoot& share, int fd, const struct stat& st, std::string_view body,
             Location* location) {
     BecomeOwn();
-    std::string path, before, relative;
-    // Again and again while the answer changes: a rename can come between the kernel's answer and
-    // its verification.
+    std::string path, relative;
+    // Again and again: a rename can come between the kernel's answer and its verification. That
+    // the answer is the same as before proves nothing, the object may have been away and back.
     for (int attempt = 0; attempt < kRenamesMax; ++attempt) {
-        if (!PathOfFd(fd, &path) || (attempt > 0 && path == before)) break;
-        if (!share.RelativePath(path, &relative)) break;
+        if (!PathOfFd(fd, &path) || !share.RelativePath(path, &relative)) break;
         if (relative.empty() ? share.IsRoot(st) : LeadsTo(share, relative, st, nullptr)) {
             location->path = relative.empty() ? path : share.FullPath(relative);
             return true;
         }
-        before = path;
     }
     if (!MayBeElsewhere(path, st)) return false;
     if (FromHint(share, st, location)) return true;
@@ -129,7 +138,7 @@ bool Locate(ShareRoot& share, int fd, const struct stat& st, std::string_view bo
         location->path = share.FullPath(relative);
         return true;
     }
-    share.NotFound().insert(key, {ChangeTime(st), NowMs()});
+    if (ChangeWouldShow(ChangeTime(st))) share.NotFound().insert(key, {ChangeTime(st), NowMs()});
     return false;
 }
 
