@@ -76,21 +76,31 @@ ExportCache::State& ExportCache::state() {
     return *state;
 }
 
+// The share that `share` held before may be the last reference to one that is gone; it is released
+// after the lock, since its destructor may wait for the disk.
 bool ExportCache::FindExport(const std::string& path, ExportPtr& share) {
     State& s = state();
-    std::shared_lock<std::shared_mutex> lock(s.indexMutex);
-    auto it = s.index.byPath.find(path);
-    if (it == s.index.byPath.end()) return false;
-    share = it->second;
+    ExportPtr found;
+    {
+        std::shared_lock<std::shared_mutex> lock(s.indexMutex);
+        auto it = s.index.byPath.find(path);
+        if (it == s.index.byPath.end()) return false;
+        found = it->second;
+    }
+    share.swap(found);
     return true;
 }
 
 bool ExportCache::FindExportById(unsigned int shareId, ExportPtr& share) {
     State& s = state();
-    std::shared_lock<std::shared_mutex> lock(s.indexMutex);
-    auto it = s.index.byId.find(shareId);
-    if (it == s.index.byId.end()) return false;
-    share = it->second;
+    ExportPtr found;
+    {
+        std::shared_lock<std::shared_mutex> lock(s.indexMutex);
+        auto it = s.index.byId.find(shareId);
+        if (it == s.index.byId.end()) return false;
+        found = it->second;
+    }
+    share.swap(found);
     return true;
 }
 
@@ -189,6 +199,8 @@ void ExportCache::LoadFromDisk() {
     XoCriticalSectionGuard save(s.saveSection);
     const oxel::OwnRights own;
     const std::string file = oxel::InstancePaths(XOPI_Focus::focus()).registry;
+    // What a process that was killed in the middle of a save left behind.
+    (void)unlink(oxel::TemporaryOf(file).c_str());
     std::string text;
     ShareRecords loaded;
     bool isRead = ReadRegistry(file, &text);

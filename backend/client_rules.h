@@ -34,6 +34,7 @@ struct ClientRule {
     ClientOptions options;
 
     bool Matches(const XOIPAddr& client) const;
+    bool operator==(const ClientRule&) const = default;
 };
 
 // The rules of one share, most specific first. Constant after construction; any thread.
@@ -48,6 +49,7 @@ class ClientRules {
     bool Allows(const XOIPAddr& client) const;
     bool AnyWritable() const;
     const std::vector<ClientRule>& All() const { return rules_; }
+    bool operator==(const ClientRules&) const = default;
 
   private:
     std::vector<ClientRule> rules_;

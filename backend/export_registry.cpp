@@ -22,15 +22,20 @@ namespace oxel {
 // 9999-12-31T23:59:59Z, the last time that the format can hold.
 static constexpr long kTimeMax = 253402300799;
 
-// As in the log: 2026-11-21T07:40:01.000000Z.
-static json FormatTime(long seconds) {
-    if (seconds <= 0) return nullptr;
+// The form of the log.
+std::string RegistryTimeText(long seconds) {
+    if (seconds <= 0) return "";
     time_t value = std::min(seconds, kTimeMax);
     struct tm parts;
     char text[64];
     gmtime_r(&value, &parts);
     strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S.000000Z", &parts);
     return text;
+}
+
+static json FormatTime(long seconds) {
+    if (seconds <= 0) return nullptr;
+    return RegistryTimeText(seconds);
 }
 
 static bool ParseTime(const json& value, long* seconds) {
@@ -164,8 +169,12 @@ static bool SyncDirectoryOf(const std::string& file) {
     return fsync(fd.Get()) == 0 || errno == EINVAL;
 }
 
+std::string TemporaryOf(const std::string& file) {
+    return file + ".tmp";
+}
+
 bool ReplaceFileDurably(const std::string& file, const std::string& text) {
-    std::string temporary = file + ".tmp";
+    const std::string temporary = TemporaryOf(file);
     UniqueFd fd(
         open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!fd) return false;

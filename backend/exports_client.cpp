@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <set>
 
 namespace oxel {
 
@@ -56,6 +57,17 @@ const std::vector<std::string>& ClientOptionNames() {
         return list;
     }();
     return names;
+}
+
+std::vector<std::string> ClientOptionWords(const ClientOptions& options) {
+    return {options.writable ? "rw" : "ro",
+            options.allSquash    ? "all_squash"
+            : options.rootSquash ? "root_squash"
+                                 : "no_root_squash",
+            options.secure ? "secure" : "insecure",
+            options.manageGids ? "manage_gids" : "no_manage_gids",
+            "anonuid=" + std::to_string(options.anonUid),
+            "anongid=" + std::to_string(options.anonGid)};
 }
 
 ClientOptionOutcome ApplyClientOption(const ExportsWord& option, ClientOptions* options,
@@ -227,11 +239,18 @@ bool ClientParser::ParseHostName(const std::string& name, std::vector<ClientRule
                  "); write its address";
         return false;
     }
+    // Name servers give the addresses in any order; the rules of a name that has not changed are
+    // the same each time.
+    std::set<std::string> addresses;
     for (const CLuIPAddr& address : resolved.addresses) {
+        const XOIPAddr host(address);
+        addresses.emplace(reinterpret_cast<const char*>(host.bytes()), sizeof ClientRule::address);
+    }
+    for (const std::string& address : addresses) {
         ClientRule rule;
         rule.text = name;
         rule.prefixLength = 128;
-        std::memcpy(rule.address, XOIPAddr(address).bytes(), 16);
+        std::memcpy(rule.address, address.data(), sizeof rule.address);
         rules->push_back(std::move(rule));
     }
     return true;

@@ -23,6 +23,10 @@ enum class ClientOptionOutcome { kTaken, kUnknown, kError };
 ClientOptionOutcome ApplyClientOption(const ExportsWord& option, ClientOptions* options,
                                       std::string* error);
 
+// Everything that the options say, as the words that would say it: "rw", "root_squash", ...,
+// "anongid=65534".
+std::vector<std::string> ClientOptionWords(const ClientOptions& options);
+
 // Reads clients, resolving each host name once.
 class ClientParser {
   public:

@@ -33,6 +33,11 @@ uint32_t DefaultShareId(const std::string& path) {
     return hash != 0 ? hash : 1;
 }
 
+std::string ErrorText(const ExportsError& error) {
+    return error.file + ":" + (error.line != 0 ? std::to_string(error.line) + ":" : "") + " " +
+           error.reason;
+}
+
 namespace {
 
 class ExportsParser {

@@ -29,6 +29,9 @@ struct ExportsError {
     std::string reason;  // control characters of the file are shown as \xNN
 };
 
+// "file:line: reason", or "file: reason" for the file as a whole.
+std::string ErrorText(const ExportsError& error);
+
 struct ExportsFile {
     std::vector<ShareConfig> shares;   // the lines that could be read, in order
     std::vector<ExportsError> errors;  // the lines that could not

@@ -11,12 +11,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <string>
 
 #include "base/event_log.h"
 #include "base/instance.h"
 #include "base/log.h"
 #include "base/store.h"
+#include "base/sync.h"
 #include "base/thread.h"
 #include "bin/modules.h"
 #include "bin/oxelService.h"
@@ -114,8 +116,8 @@ static void DecideOnNetworkServices(const char* function) {
     }
 }
 
-// SIGTERM and SIGINT end the process, SIGHUP reopens the log. All threads have them blocked and
-// this one waits for them, so no handler runs in the middle of anything.
+// SIGTERM and SIGINT end the process, SIGHUP reopens the log and reloads the shares. All threads
+// have them blocked and one waits for them, so no handler runs in the middle of anything.
 static sigset_t HandledSignals() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -138,6 +140,21 @@ static sigset_t HandledSignals() {
     _exit(0);
 }
 
+// Set by SIGHUP. Several before a reload begins are one.
+static XoEvent gReloadWanted;
+
+// A thread of its own: a reload may wait for name servers, and SIGTERM is not to wait with it.
+static void* ReloadWhenAsked(void*) {
+    for (;;) {
+        gReloadWanted.wait();
+        try {
+            ReloadShares();
+        } catch (const std::exception& exception) {
+            OXEL_LOG(-1, "Error: Failed to reload the shares. [%s]", exception.what());
+        }
+    }
+}
+
 static void* WaitForSignals(void*) {
     const sigset_t signals = HandledSignals();
     for (int number = 0;;) {
@@ -145,6 +162,7 @@ static void* WaitForSignals(void*) {
         if (number == SIGHUP) {
             if (!oxel::LogWriter::Reopen())
                 OXEL_LOG(-1, "Error: Failed to reopen the log. [%s]", strerror(errno));
+            gReloadWanted.set();
             continue;
         }
         RequestStop();
@@ -190,6 +208,8 @@ int main(int argc, char** argv) {
     XoThread signalThread;
     if (!signalThread.start("SIGNAL", WaitForSignals, nullptr)) exitOnFatalError("SignalThread");
     if (!InitializeFileSystemModules()) exitOnFatalError("InitializeFileSystemModules");
+    XoThread reloadThread;  // not before there are shares; a SIGHUP until then is waiting for it
+    if (!reloadThread.start("RELOAD", ReloadWhenAsked, nullptr)) exitOnFatalError("ReloadThread");
     InstallControlHandlers();
     const oxel::InstancePaths paths(instance);
     if (!oxel::StartPellService(paths.controlSocket))

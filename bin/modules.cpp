@@ -4,13 +4,10 @@
 #include "bin/modules.h"
 
 #include <string>
-#include <utility>
-#include <vector>
 
-#include "backend/Export.h"
 #include "backend/ExportCache.h"
 #include "backend/FSMCache.h"
-#include "backend/exports_file.h"
+#include "backend/share_set.h"
 #include "base/log.h"
 #include "base/store.h"
 #include "base/timer.h"
@@ -36,24 +33,7 @@ bool InitializeFileSystemModules() {
     FSMCache::SetFSM(kUnlistedModuleType, oxel::MakeLocalModule(kUnlistedModuleType));
     OXEL_LOG(1, "%s", oxel::DescribeLocalModule().c_str());
 
-    const oxel::ExportsFile file = oxel::ReadExportsFile(paths.exports);
-    for (const oxel::ExportsError& bad : file.errors)
-        OXEL_LOG(-1, "Error: %s:%d: %s. The share is not served.", bad.file.c_str(), bad.line,
-                 bad.reason.c_str());
-    std::vector<std::pair<unsigned int, ExportPtr>> shares;
-    for (const oxel::ShareConfig& config : file.shares) {
-        ExportPtr share = oxel::MakeLocalExport(config, &error);
-        if (!share) {
-            OXEL_LOG(-1, "Error: %s:%d: %s. The share is not served.", paths.exports.c_str(),
-                     config.line, error.c_str());
-            continue;
-        }
-        OXEL_LOG(1, "Share [%s] id [%u] directory [%s] %s", config.path.c_str(), config.id,
-                 config.directory.c_str(), share->IsWritable() ? "read-write" : "read-only");
-        shares.emplace_back(config.id, std::move(share));
-    }
-    if (shares.empty()) OXEL_LOG(-1, "Warning: No share is defined in %s.", paths.exports.c_str());
-    gAllExports.Replace(std::move(shares));
+    oxel::gShareSet.Load(paths.exports, {oxel::MakeLocalExport, oxel::LocalExportIsCurrent});
     gAllExports.LoadFromDisk();
     XoTimer::Register(OxelTimerTaskIdleFiles, CloseIdleFiles, kIdleFilesCheckMs, 0, nullptr);
     return true;

@@ -93,4 +93,5 @@ void InstallControlHandlers() {
     oxel::SetControlHandler("log-level", LogLevel);
     oxel::SetControlHandler("perf", Perf);
     oxel::SetControlHandler("stop", Stop);
+    InstallShareControlHandlers();
 }

@@ -70,6 +70,11 @@ int main(int argc, char** argv) {
         return command;
     };
     verb("status", "Shows what the daemon is doing", oxel::ctl::Status);
+    verb("check", "Reads the configuration and the shares, and shows every error; needs no daemon",
+         oxel::ctl::Check);
+    verb("exports", "Shows the shares", oxel::ctl::Exports);
+    verb("mounts", "Shows the clients that mounted a share", oxel::ctl::Mounts);
+    verb("reload", "Has the daemon read the shares anew", oxel::ctl::Reload);
     verb("perf", "Writes the performance counters to the daemon's log", oxel::ctl::Perf);
     verb("log-level", "Shows or sets the level of the daemon's log", oxel::ctl::LogLevel)
         ->add_option("N", settings.level, "0 (errors and warnings) to 4 (everything)")

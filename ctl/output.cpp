@@ -20,6 +20,32 @@ void PrintTable(const Rows& rows) {
         printf("%-*s  %s\n", static_cast<int>(width), what.c_str(), value.c_str());
 }
 
+void PrintColumns(const std::vector<std::string>& heading,
+                  const std::vector<std::vector<std::string>>& rows) {
+    std::vector<size_t> widths;
+    for (const std::string& title : heading) widths.push_back(title.size());
+    for (const auto& row : rows)
+        for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+    const auto print = [&](const std::vector<std::string>& row) {
+        std::string line;
+        for (size_t i = 0; i < row.size(); ++i)
+            line += row[i] + std::string(widths[i] - row[i].size() + 2, ' ');
+        line.erase(line.find_last_not_of(' ') + 1);
+        printf("%s\n", line.c_str());
+    };
+    print(heading);
+    for (const auto& row : rows) print(row);
+}
+
+std::vector<json> Listed(const json& object, const char* member) {
+    const auto found = object.find(member);
+    std::vector<json> list;
+    if (found == object.end() || !found->is_array()) return list;
+    for (const json& entry : *found)
+        if (entry.is_object()) list.push_back(entry);
+    return list;
+}
+
 std::string Shown(const json& object, const char* member) {
     const auto found = object.find(member);
     if (found == object.end() || found->is_null()) return "-";

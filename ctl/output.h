@@ -17,6 +17,13 @@ using Rows = std::vector<std::pair<std::string, std::string>>;
 // Two aligned columns on standard output.
 void PrintTable(const Rows& rows);
 
+// A heading and aligned columns on standard output; no line ends in blanks.
+void PrintColumns(const std::vector<std::string>& heading,
+                  const std::vector<std::vector<std::string>>& rows);
+
+// The objects of a list; none when the member is missing or something else.
+std::vector<nlohmann::json> Listed(const nlohmann::json& object, const char* member);
+
 // The member's value as a person reads it: text without quotes, yes and no, "-" when it is missing.
 // Control characters are escaped.
 std::string Shown(const nlohmann::json& object, const char* member);

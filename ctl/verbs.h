@@ -24,11 +24,17 @@ struct Settings {
     bool registerPortMapper = false;  // start-network
 };
 
-// Each makes one request, prints the answer and says how it went.
+// Reads the files of the instance itself; every other verb makes one request to the daemon. Each
+// prints the answer and says how it went.
+ExitCode Check(const Settings& settings);
 ExitCode Status(const Settings& settings);
 ExitCode Perf(const Settings& settings);
 ExitCode LogLevel(const Settings& settings);
 ExitCode StartNetwork(const Settings& settings);
 ExitCode Stop(const Settings& settings);
+// verbs_shares.cpp
+ExitCode Exports(const Settings& settings);
+ExitCode Mounts(const Settings& settings);
+ExitCode Reload(const Settings& settings);
 
 }  // namespace oxel::ctl

@@ -4,6 +4,7 @@
 #include "modules/local/local_export.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <cerrno>
@@ -91,6 +92,14 @@ ExportPtr MakeLocalExport(const ShareConfig& share, std::string* error) {
         return boost::make_shared<local::LocalExport>(share.path, share.clients,
                                                       std::move(rootObject));
     });
+}
+
+bool LocalExportIsCurrent(const ExportPtr& served, const ShareConfig& share) {
+    const auto* local = dynamic_cast<local::LocalExport*>(served.get());
+    if (local == nullptr) return false;
+    local::BecomeOwn();
+    struct stat st;
+    return stat(share.directory.c_str(), &st) != 0 || local->Root().IsRoot(st);
 }
 
 }  // namespace oxel

@@ -22,6 +22,11 @@ FSMPtr MakeLocalModule(FSModuleType type);
 // One share. Null, with a reason for people in *error, when its directory cannot be opened.
 ExportPtr MakeLocalExport(const ShareConfig& share, std::string* error);
 
+// Whether the share's directory is still what share.directory leads to: another file system may
+// have been mounted there, or a symbolic link may lead elsewhere now. `served` was made from an
+// equal line. True, so that the share stays, when the path cannot be looked at.
+bool LocalExportIsCurrent(const ExportPtr& served, const ShareConfig& share);
+
 // One line for the log at start: whose rights files are accessed with, and what kind of handles.
 std::string DescribeLocalModule();
 

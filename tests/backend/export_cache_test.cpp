@@ -228,6 +228,18 @@ TEST_F(ExportCacheTest, ADamagedRegistryIsSaidAndKeptAside) {
     }
 }
 
+TEST_F(ExportCacheTest, WhatAKilledSaveLeftBehindIsTakenAway) {
+    gAllExports.Replace({{1, Share("/a")}});
+    gAllExports.RecordMount(1, "10.0.0.1");
+    ASSERT_TRUE(gAllExports.SaveToDisk());
+    std::ofstream(file_ + ".tmp") << "{\"version\":";
+    LogCapture log;
+    Restart({{1, Share("/a")}});
+    EXPECT_FALSE(Exists(file_ + ".tmp"));
+    EXPECT_EQ(gAllExports.Mounts(1).size(), 1u);
+    EXPECT_TRUE(log.AtLevel(-1).empty()) << log.Dump();
+}
+
 TEST_F(ExportCacheTest, ARegistryThatCannotBeReadIsSaid) {
     ASSERT_EQ(mkdir(file_.c_str(), 0700), 0);
     LogCapture log;

@@ -3,8 +3,12 @@
 // The text of registry.json and putting it on disk.
 #include "backend/export_registry.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -195,6 +199,38 @@ TEST_F(DurableFile, AFullDiskKeepsTheOldContent) {
     EXPECT_FALSE(ReplaceFileDurably(file, "new"));
     EXPECT_EQ(errno, ELOOP);
     EXPECT_EQ(Content(file), "old");
+}
+
+// Whatever moment a process ends at, the file is one of the texts that were to be in it.
+TEST_F(DurableFile, AKilledWriterLeavesTheOldOrTheNewContent) {
+    const std::string file = dir_ + "/r.json";
+    const std::string texts[] = {std::string(200000, 'a') + "\n", std::string(100, 'b') + "\n"};
+    ASSERT_TRUE(ReplaceFileDurably(file, texts[0]));
+    for (int round = 0; round < 20; ++round) {
+        int ready[2];
+        ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+        const pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            for (int i = 0;; ++i)
+                if (!ReplaceFileDurably(file, texts[i % 2]) || write(ready[1], "x", 1) != 1)
+                    _exit(1);
+        }
+        close(ready[1]);
+        char bytes[16];
+        for (int done = 0; done <= round;) {
+            const ssize_t count = read(ready[0], bytes, sizeof bytes);
+            ASSERT_GT(count, 0);
+            done += static_cast<int>(count);
+        }
+        ASSERT_EQ(kill(pid, SIGKILL), 0);
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_TRUE(WIFSIGNALED(status));
+        close(ready[0]);
+        const std::string content = Content(file);
+        EXPECT_TRUE(content == texts[0] || content == texts[1]) << content.size() << " bytes";
+    }
 }
 
 }  // namespace

@@ -145,6 +145,81 @@ TEST_F(ClientTest, HostNamesGiveARulePerAddress) {
     EXPECT_TRUE(rules[0].options.writable && rules[1].options.writable);
 }
 
+// A reload must not see a change where the name server has only turned its list.
+TEST_F(ClientTest, TheOrderOfANameServersAnswerDoesNotCount) {
+    const std::vector<std::string> addresses = {"192.0.2.9", "2001:db8::2", "192.0.2.1"};
+    std::vector<std::vector<ClientRule>> all;
+    for (size_t first = 0; first < addresses.size(); ++first) {
+        resolver_ = [&](const std::string&, std::vector<CLuIPAddr>* found, std::string*) {
+            for (size_t i = 0; i <= addresses.size(); ++i) {  // one of them twice
+                CLuIPAddr address;
+                EXPECT_TRUE(
+                    CLuIPAddr::Parse(addresses[(first + i) % addresses.size()], 0, &address));
+                found->push_back(address);
+            }
+            return true;
+        };
+        all.push_back(Parse("name"));
+    }
+    ASSERT_EQ(all[0].size(), 3u);
+    EXPECT_EQ(Bytes(all[0][0]), "::ffff:192.0.2.1");
+    EXPECT_EQ(all[1], all[0]);
+    EXPECT_EQ(all[2], all[0]);
+}
+
+TEST_F(ClientTest, Ipv4AddressesMayBeWrittenInTheirMappedForm) {
+    for (const char* text : {"::ffff:10.1.2.3", "::ffff:a01:203", "::ffff:10.0.0.0/104"}) {
+        std::vector<ClientRule> rules = Parse(text);
+        ASSERT_EQ(rules.size(), 1u) << text;
+        CLuIPAddr client, other;
+        ASSERT_TRUE(CLuIPAddr::Parse("10.1.2.3", 700, &client));
+        ASSERT_TRUE(CLuIPAddr::Parse("11.1.2.3", 700, &other));
+        EXPECT_TRUE(rules[0].Matches(XOIPAddr(client))) << text;
+        EXPECT_FALSE(rules[0].Matches(XOIPAddr(other))) << text;
+    }
+}
+
+TEST_F(ClientTest, TheMostSpecificOfTheWrittenClientsCounts) {
+    ExportsFile file = ParseExports(
+        "/x -insecure *(anonuid=1) 10.0.0.0/8(anonuid=2) 10.1.0.0/255.255.0.0(anonuid=3) "
+        "10.1.2.3(anonuid=4) one(anonuid=5) 2001:db8::/32(anonuid=6) ::/0(anonuid=7) "
+        "0.0.0.0/0(anonuid=8)\n",
+        "exports", false, resolver_);
+    ASSERT_EQ(file.shares.size(), 1u) << file.errors[0].reason;
+    const struct {
+        const char* client;
+        uint32_t anonUid;
+    } rows[] = {{"10.1.2.3", 4},       {"::ffff:10.1.2.3", 4}, {"10.1.2.4", 3},
+                {"10.2.0.1", 2},       {"192.0.2.1", 5},       {"192.0.2.2", 8},
+                {"2001:db8::ffff", 6}, {"2001:db9::1", 7},     {"::1", 7}};
+    for (const auto& row : rows) {
+        CLuIPAddr client;
+        ASSERT_TRUE(CLuIPAddr::Parse(row.client, 50000, &client));
+        const ClientRule* rule = file.shares[0].clients.Match(XOIPAddr(client));
+        ASSERT_NE(rule, nullptr) << row.client;
+        EXPECT_EQ(rule->options.anonUid, row.anonUid) << row.client;
+        EXPECT_FALSE(rule->options.secure);
+    }
+}
+
+TEST_F(ClientTest, AClientThatNothingMatchesIsRefused) {
+    ExportsFile file = ParseExports("/x 10.0.0.0/8(rw,insecure)\n", "exports", false, resolver_);
+    CLuIPAddr client;
+    ASSERT_TRUE(CLuIPAddr::Parse("11.0.0.1", 700, &client));
+    EXPECT_FALSE(file.shares.at(0).clients.Allows(XOIPAddr(client)));
+}
+
+TEST_F(ClientTest, EveryOptionCanBeSaidInWords) {
+    using Words = std::vector<std::string>;
+    EXPECT_EQ(
+        ClientOptionWords(ClientOptions()),
+        (Words{"ro", "root_squash", "secure", "no_manage_gids", "anonuid=65534", "anongid=65534"}));
+    EXPECT_EQ(
+        ClientOptionWords(Options("*(rw,no_root_squash,insecure,manage_gids,anonuid=1,anongid=2)")),
+        (Words{"rw", "no_root_squash", "insecure", "manage_gids", "anonuid=1", "anongid=2"}));
+    EXPECT_EQ(ClientOptionWords(Options("*(all_squash)"))[1], "all_squash");
+}
+
 TEST_F(ClientTest, EachHostNameIsResolvedOnce) {
     ParseExports("/a one one\n/b one(rw)\n/c nobody\n/d nobody\n", "exports", false, resolver_);
     EXPECT_EQ(asked_, 2);

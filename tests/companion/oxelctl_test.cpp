@@ -3,12 +3,10 @@
 // The real oxelctl against a companion service in this process.
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <utility>
 #include <vector>
 
-#include "tests/base/child_process.h"
-#include "tests/companion/control_fixture.h"
+#include "tests/companion/oxelctl_fixture.h"
 
 namespace oxel::test {
 
@@ -21,40 +19,6 @@ static json StatusBody() {
         {"mountPort", 2049}, {"handlerThreads", 5},    {"records", {{"total", 25}, {"inUse", 3}}},
         {"connections", 2},  {"logLevel", 1},          {"hardened", true}};
 }
-
-class Oxelctl : public ControlTest {
-  protected:
-    static Outcome Run(std::vector<std::string> arguments) {
-        const char* program = getenv("OXELCTL");
-        arguments.insert(arguments.begin(),
-                         program != nullptr ? program : BesideMe("../bin/oxelctl"));
-        return RunProgram(std::move(arguments));
-    }
-    static Outcome RunHere(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), {"-vm", XOPI_Focus::focus()});
-        return Run(std::move(arguments));
-    }
-    // Remembers the last request; answers `body`.
-    void Handle(const std::string& verb, json body) {
-        SetControlHandler(verb, [this, body](const json& request) {
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                request_ = request;
-            }
-            ControlReply reply;
-            reply.body = body;
-            return reply;
-        });
-    }
-    json LastRequest() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return request_;
-    }
-
-  private:
-    std::mutex mutex_;
-    json request_;  // guarded by mutex_
-};
 
 TEST_F(Oxelctl, StatusIsATableForPeople) {
     Handle("status", StatusBody());
@@ -248,7 +212,8 @@ TEST_F(Oxelctl, HelpListsTheVerbsAndTheExitCodes) {
     EXPECT_EQ(outcome.error, "");
     for (const char* words :
          {"-vm INSTANCE", "--json", "\n  status ", "\n  perf ", "\n  log-level ",
-          "\n  start-network ", "\n  stop ", "3 no daemon answers"}) {
+          "\n  start-network ", "\n  stop ", "\n  check ", "\n  exports ", "\n  mounts ",
+          "\n  reload ", "3 no daemon answers"}) {
         EXPECT_NE(outcome.output.find(words), std::string::npos) << words;
     }
     EXPECT_EQ(Run({"log-level", "--help"}).code, 0);

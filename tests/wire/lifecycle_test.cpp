@@ -283,6 +283,23 @@ TEST_F(Lifecycle, BrokenLinesAreReportedAndTheRestIsServed) {
     EXPECT_TRUE(
         daemon_.LogHas("wire.exports:3: directory '" + tree_.Path("gone") + "' does not exist"));
     EXPECT_TRUE(Serves());
+    // The tool says the same of the files, with a daemon or without.
+    std::string output;
+    EXPECT_EQ(daemon_.Control({"check"}, &output), 1);
+    ASSERT_EQ(daemon_.Stop(), 0);
+    std::string without;
+    EXPECT_EQ(daemon_.Control({"check"}, &without), 1);
+    EXPECT_EQ(output, without);
+    for (const char* text :
+         {"wire.conf:3: ", "wire.conf:4: ", "wire.exports:1: unknown option 'rww'",
+          "wire.exports:3: directory '", "oxelctl: 4 errors\n"})
+        EXPECT_NE(output.find(text), std::string::npos) << text << " in " << output;
+}
+
+TEST_F(Lifecycle, FilesWithoutErrorsAreFoundGood) {
+    std::string output;
+    EXPECT_EQ(daemon_.Control({"check"}, &output), 0) << output;
+    EXPECT_EQ(output.substr(0, 4), "ok: ") << output;
 }
 
 TEST_F(Lifecycle, WithoutAnyFilesTheDaemonServesNoShares) {
@@ -292,12 +309,15 @@ TEST_F(Lifecycle, WithoutAnyFilesTheDaemonServesNoShares) {
     EXPECT_EQ(Hex(client.Results(client.Mount(mnt::kExport, ""))), "00000000");
 }
 
-TEST_F(Lifecycle, AHangUpReopensTheLog) {
+TEST_F(Lifecycle, AHangUpReopensTheLogAndReloadsTheShares) {
     ASSERT_TRUE(daemon_.Start());
     const std::string log = tree_.Path("var/log/oxelnfsd/wire.log");
     ASSERT_EQ(rename(log.c_str(), (log + ".moved").c_str()), 0);
+    tree_.WriteExports("wire", "/share -dir=" + tree_.Path("share") + ",id=7 *(rw,insecure)\n" +
+                                   "/more -dir=" + tree_.Path("share") + ",id=8 *(insecure)\n");
     daemon_.Signal(SIGHUP);
-    ASSERT_TRUE(WaitUntil([&] { return access(log.c_str(), F_OK) == 0; }));
+    ASSERT_TRUE(daemon_.WaitForLog("Share [/more] id [8] is added.\n"));
+    EXPECT_EQ(ReadFile(log + ".moved").find("/more"), std::string::npos);
     NfsClient client(daemon_.Port());
     const std::string root = client.MountShare("/share");
     EXPECT_EQ(client.GetAttributes(root).type, 2u);
