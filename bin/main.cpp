@@ -135,6 +135,7 @@ static sigset_t HandledSignals() {
     // The receive loop takes the control socket away; it needs a moment, not a whole cycle.
     WaitForReceiveLoop(loopWaitMs);
     StopPellService();
+    SettleFileSystemModules();
     EvDebug::Debug("main", "oxelnfsd exiting.");
     if (lock != nullptr) lock->unlock();
     _exit(0);

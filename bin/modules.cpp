@@ -29,6 +29,7 @@ bool InitializeFileSystemModules() {
         OXEL_LOG(-1, "Error: No key to sign file handles with: %s", error.c_str());
         return false;
     }
+    oxel::KeepPlacesIn(paths.stateDir + "/inodes");
     FSMCache::SetFSM(kLocalModuleType, oxel::MakeLocalModule(kLocalModuleType));
     FSMCache::SetFSM(kUnlistedModuleType, oxel::MakeLocalModule(kUnlistedModuleType));
     OXEL_LOG(1, "%s", oxel::DescribeLocalModule().c_str());
@@ -37,4 +38,8 @@ bool InitializeFileSystemModules() {
     gAllExports.LoadFromDisk();
     XoTimer::Register(OxelTimerTaskIdleFiles, CloseIdleFiles, kIdleFilesCheckMs, 0, nullptr);
     return true;
+}
+
+void SettleFileSystemModules() {
+    oxel::SettlePlaces();
 }

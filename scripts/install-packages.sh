@@ -9,7 +9,7 @@ mkdir -p build
 packages=(
   build-essential g++ cmake ninja-build pkg-config git
   libtirpc-dev libtirpc-common libboost-dev libsystemd-dev nlohmann-json3-dev libcli11-dev
-  libsodium-dev
+  libsodium-dev liblmdb-dev
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev libnfs-dev rpcbind iproute2 util-linux clang-format
 )

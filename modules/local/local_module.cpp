@@ -15,6 +15,7 @@
 #include "backend/FdCache.h"
 #include "modules/local/call_state.h"
 #include "modules/local/caller_rights.h"
+#include "modules/local/inode_map.h"
 #include "modules/local/local_export.h"
 #include "modules/local/object_cache.h"
 #include "modules/local/resolver.h"
@@ -114,6 +115,7 @@ void DropIdleLocalFiles(unsigned idleMs) {
     // The kernel has written most of such data by then, so this seldom waits for the disk.
     constexpr unsigned kUncommittedMs = 30 * 1000;
     local::DelayedWrites::Instance().SettleIdle(local::NowMs() - std::max(idleMs, kUncommittedMs));
+    local::FlushPlaces();
     gFdCache.ForgetIdle(idleMs);
     local::ObjectCache::Instance().DropIdle(local::NowMs() - int64_t{idleMs} + 1);
 }

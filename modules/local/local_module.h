@@ -15,6 +15,14 @@ namespace oxel {
 // 0600). Must run before a module or share is made. False with a reason for people in *error.
 bool InitializeHandleKey(const std::string& keyFile, std::string* error);
 
+// Where it is remembered over a restart what file handles made of inode numbers stand for: a
+// directory of this process's own, made when it is needed. Without it the shares are searched after
+// a restart. To be called before shares are made.
+void KeepPlacesIn(const std::string& directory);
+// To be called at the end of the process: brings that to the disk, so that it outlives a power cut
+// too. Calls that are still under way go on.
+void SettlePlaces();
+
 // The module itself, for one of its two types. Sets the process's umask to 0: what clients make has
 // the mode that they ask for.
 FSMPtr MakeLocalModule(FSModuleType type);
@@ -32,7 +40,8 @@ std::string DescribeLocalModule();
 
 // Closes what is kept open to save time and no call has used for that long. Until then the blocks
 // of a file that somebody removed on this machine stay allocated, and a program that a client has
-// just written cannot be started on this machine. To be called every few seconds, from any thread.
+// just written cannot be started on this machine. Also tries again what the disk refused. To be
+// called every few seconds, from any thread.
 void DropIdleLocalFiles(unsigned idleMs);
 
 // Gives the calling thread the process's own rights in the file system. A worker thread keeps those

@@ -7,6 +7,7 @@
 #include <limits.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "modules/local/caller_rights.h"
@@ -36,15 +37,18 @@ bool LeadsTo(ShareRoot& share, const std::string& relative, const struct stat& s
     return true;
 }
 
-bool LeadsTo(ShareRoot& share, const std::string& relative, const InodeIdentity& wanted,
-             UniqueFd* fd) {
+// The same by inode number and birth time. kGone: the number belongs to another object by now.
+enum class Lead { kThere, kNowhere, kGone };
+Lead LeadTo(ShareRoot& share, const std::string& relative, const InodeIdentity& wanted,
+            UniqueFd* fd) {
     UniqueFd there = OpenInside(share.Fd(), relative.c_str());
     struct stat st;
     InodeIdentity found;
-    if (!there || StatWithBirth(there.Get(), &st, &found) != 0) return false;
-    if (st.st_dev != share.Device() || found != wanted) return false;
+    if (!there || StatWithBirth(there.Get(), &st, &found) != 0) return Lead::kNowhere;
+    if (st.st_dev != share.Device() || found.inode != wanted.inode) return Lead::kNowhere;
+    if (found != wanted) return Lead::kGone;
     *fd = std::move(there);
-    return true;
+    return Lead::kThere;
 }
 
 // The path below the share's root of a directory of a share with kernel handles.
@@ -142,26 +146,52 @@ bool Locate(ShareRoot& share, int fd, const struct stat& st, std::string_view bo
     return false;
 }
 
+void RememberPath(ShareRoot& share, const std::string& path) {
+    std::string relative;
+    if (share.Kind() != HandleKind::kInode || !share.RelativeToPrefix(path, &relative)) return;
+    BecomeOwn();
+    const PlacesBatch batch(share.Places());
+    InodePlace place{share.Body(), ""};
+    for (size_t begin = 0; begin < relative.size();) {
+        const size_t end = std::min(relative.find('/', begin), relative.size());
+        const UniqueFd fd = OpenInside(share.Fd(), relative.substr(0, end).c_str());
+        struct stat st;
+        InodeIdentity identity;
+        if (!fd || StatWithBirth(fd.Get(), &st, &identity) != 0) return;
+        place.name = relative.substr(begin, end - begin);
+        share.Places().Put(identity.inode, place);
+        place.parent = EncodeInodeBody(identity);
+        begin = end + 1;
+    }
+}
+
 bool LocateInode(ShareRoot& share, std::string_view body, Location* location) {
     InodeIdentity wanted;
     if (!DecodeInodeBody(body, &wanted)) return false;
     BecomeOwn();
     std::string relative;
     const auto fromPlaces = [&] {
-        return PlacePath(share, wanted.inode, &relative) && !relative.empty() &&
-               LeadsTo(share, relative, wanted, &location->fd);
+        return PlacePath(share, wanted.inode, &relative) && !relative.empty()
+                   ? LeadTo(share, relative, wanted, &location->fd)
+                   : Lead::kNowhere;
     };
-    bool found = fromPlaces();
+    Lead lead = fromPlaces();
+    bool found = lead == Lead::kThere;
     const std::string key(body);
-    if (!found && !KnownMissing(share, key, 0)) {
+    if (lead == Lead::kNowhere && !KnownMissing(share, key, 0)) {
         std::lock_guard<std::mutex> lock(share.SearchMutex());
         const auto isIt = [&](int fd) {
             struct stat st;
             InodeIdentity identity;
             return StatWithBirth(fd, &st, &identity) == 0 && identity == wanted;
         };
-        found = fromPlaces() || SearchTree(share, wanted.inode, isIt, &relative, &location->fd);
+        lead = fromPlaces();
+        found = lead == Lead::kThere ||
+                (lead == Lead::kNowhere &&
+                 SearchTree(share, wanted.inode, isIt, &relative, &location->fd));
         if (!found) share.NotFound().insert(key, {0, NowMs()});
+        // The search may have passed the number's new owner and remembered that one.
+        if (!found && fromPlaces() == Lead::kNowhere) share.Places().Remove(wanted.inode);
     }
     if (found) location->path = share.FullPath(relative);
     return found;

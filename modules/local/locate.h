@@ -30,4 +30,8 @@ bool Locate(ShareRoot& share, int fd, const struct stat& st, std::string_view bo
 // The object of an "inode" handle, opened. False when there is none.
 bool LocateInode(ShareRoot& share, std::string_view body, Location* location);
 
+// Puts the object that the full path leads to, and the directories above it, into the map of places
+// of a share that resolves handles through nothing else.
+void RememberPath(ShareRoot& share, const std::string& path);
+
 }  // namespace oxel::local

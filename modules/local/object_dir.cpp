@@ -15,8 +15,13 @@ namespace {
 
 class LocalDirStream final : public DirStream {
   public:
-    explicit LocalDirStream(UniqueFd fd) : reader(std::move(fd)) {}
+    LocalDirStream(UniqueFd fd, std::shared_ptr<ShareRoot> root)
+        : reader(std::move(fd)), share(std::move(root)), batch(share->Places()) {}
     DirReader reader;
+    const std::shared_ptr<ShareRoot> share;
+    // What a listing looks up while the stream is open is written when it is closed, before the
+    // client gets the handles.
+    const PlacesBatch batch;
     struct dirent entry;
 };
 
@@ -39,7 +44,7 @@ DirStream* LocalObject::OpenDir(OxelCtxt* ctxt, const std::string& path) {
             return open(ProcPath(object.node_->Fd()).Get(),
                         O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
         });
-        return fd ? new LocalDirStream(std::move(fd)) : nullptr;
+        return fd ? new LocalDirStream(std::move(fd), object.share_) : nullptr;
     });
 }
 

@@ -6,6 +6,7 @@
 
 #include "modules/local/call_state.h"
 #include "modules/local/local_export.h"
+#include "modules/local/locate.h"
 #include "modules/local/names.h"
 #include "modules/local/object.h"
 #include "modules/local/object_cache.h"
@@ -95,6 +96,10 @@ boost::shared_ptr<LocalObject> LocalObject::Parent(OxelCtxt*, const CallerRights
     }
     Ptr parent = FromFd(share_, std::move(fd), share_->FullPath(relative), &st);
     if (!parent) return nullptr;
+    InodePlace place;
+    if (!share_->Places().Find(parent->node_->Inode(), &place)) {
+        RememberPath(*share_, parent->path_);
+    }
     ObjectCache::Instance().Put(parent);
     CallState::Get().Found(parent, st);
     return parent;

@@ -35,6 +35,7 @@ ObjectPtr Verify(const ObjectPtr& object, struct stat* st) {
     if (fstat(node.Fd(), st) != 0) return nullptr;
     if (st->st_nlink == 0) {
         gFdCache.Forget(node.Device(), node.Inode());
+        object->Share().Places().Remove(node.Inode());
         return nullptr;
     }
     const int64_t now = NowMs();
@@ -52,6 +53,8 @@ ObjectPtr Verify(const ObjectPtr& object, struct stat* st) {
         node.PathVerified(ChangeTime(*st), now);
         return object;
     }
+    // Somebody has renamed it behind this process's back.
+    RememberPath(object->Share(), location.path);
     return At(object->SharePtr(), object->NodePtr(), std::move(location), *st);
 }
 

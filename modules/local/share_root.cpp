@@ -85,8 +85,10 @@ std::shared_ptr<ShareRoot> ShareRoot::Open(FSModuleType type, uint32_t shareId,
 
     root->kind_ = root->KernelHandlesWork() ? HandleKind::kKernel : HandleKind::kInode;
     if (root->kind_ == HandleKind::kInode) root->body_ = EncodeInodeBody(identity);
-    root->places_ = std::make_unique<MemoryInodeMap>(
-        root->kind_ == HandleKind::kKernel ? kHintsMax : MemoryInodeMap::kUnbounded);
+    if (root->kind_ == HandleKind::kKernel)
+        root->places_ = std::make_unique<MemoryInodeMap>(kHintsMax);
+    else
+        root->places_ = MakeLastingInodeMap(shareId, root->body_);
     root->serial_ = ++registry().serials;
     known = root;
     return root;

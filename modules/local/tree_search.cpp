@@ -38,6 +38,7 @@ bool SearchTree(ShareRoot& share, uint64_t inode, const std::function<bool(int f
                 std::string* relative, UniqueFd* fd) {
     OXEL_LOG(2, "Searching share [%u] for inode [%llu].", share.ShareId(),
              static_cast<unsigned long long>(inode));
+    const PlacesBatch batch(share.Places());
     std::vector<std::string> pending{""};
     while (!pending.empty()) {
         const std::string path = std::move(pending.back());

@@ -65,6 +65,7 @@ void LocalTest::ForgetEverything() {
     module_.reset();
     local::ObjectCache::Instance().Clear();
     gFdCache.Clear();
+    KeepPlacesIn(directory_ + "/inodes");  // closes what was open
 }
 
 void LocalTest::Restart() {
