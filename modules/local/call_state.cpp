@@ -22,6 +22,7 @@ void CallState::Fill(Slot* slot, const boost::shared_ptr<LocalObject>& object,
     slot->object = object;
     slot->st = st;
     slot->fresh = true;
+    slot->made = false;
 }
 
 void CallState::Resolved(const boost::shared_ptr<LocalObject>& object, const struct stat& st) {
@@ -39,6 +40,21 @@ void CallState::Resolved(const boost::shared_ptr<LocalObject>& object, const str
 void CallState::Found(const boost::shared_ptr<LocalObject>& object, const struct stat& st) {
     resolving_ = false;
     Fill(&slots_[kResolved], object, st);
+}
+
+void CallState::Made(const boost::shared_ptr<LocalObject>& object, const struct stat& st) {
+    Found(object, st);
+    slots_[kResolved].made = true;
+}
+
+bool CallState::WasNamed(const FileNode& node) const {
+    return slots_[kResolved].node == node.Serial();
+}
+
+bool CallState::GroupWhenMade(const FileNode& node, gid_t* group) const {
+    if (!WasNamed(node) || !slots_[kResolved].made) return false;
+    *group = slots_[kResolved].st.st_gid;
+    return true;
 }
 
 bool CallState::TakeStat(const FileNode& node, struct stat* out) {

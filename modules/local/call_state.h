@@ -26,6 +26,8 @@ class CallState {
     // `object` was found by its handle, or by its name; *st is what it is now.
     void Resolved(const boost::shared_ptr<LocalObject>& object, const struct stat& st);
     void Found(const boost::shared_ptr<LocalObject>& object, const struct stat& st);
+    // `object` was made by this call just now.
+    void Made(const boost::shared_ptr<LocalObject>& object, const struct stat& st);
     // An operation other than a resolution begins.
     void OperationStarts() { resolving_ = false; }
 
@@ -33,6 +35,10 @@ class CallState {
     bool TakeStat(const FileNode& node, struct stat* out);
     // Something is about to be modified: attributes read so far may not be used any more.
     void ForgetStats();
+    // Whether the running call came to the object by its name in a directory.
+    bool WasNamed(const FileNode& node) const;
+    // The group that the object was made with; false when the running call did not make it.
+    bool GroupWhenMade(const FileNode& node, gid_t* group) const;
     // The object of the running call that has this path, or null.
     boost::shared_ptr<LocalObject> ByPath(const ShareRoot& share, const std::string& path);
     // The same, of whatever share.
@@ -45,6 +51,7 @@ class CallState {
         boost::weak_ptr<LocalObject> object;
         struct stat st;
         bool fresh = false;
+        bool made = false;
     };
     void Fill(Slot* slot, const boost::shared_ptr<LocalObject>& object, const struct stat& st);
 

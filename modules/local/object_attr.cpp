@@ -6,6 +6,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "backend/FdCache.h"
@@ -59,15 +60,55 @@ int LocalObject::ChmodSelf(OxelCtxt* ctxt, mode_t mode) {
     if (!rights || !rights.Become()) return -1;
     // Clients send a mode with SYMLINK; a symbolic link has none that means anything.
     if (node_->Type() == S_IFLNK) return 0;
+    mode &= 07777;
+    // MKDIR names a mode as mkdir(2) does, and gets the set-group-id bit from the directory above
+    // as there. Its caller need not be in the group, and then could not set the bit himself.
+    if (node_->Type() == S_IFDIR && CallState::Get().WasNamed(*node_)) {
+        struct stat st;
+        if (fstat(node_->Fd(), &st) != 0) return -1;
+        mode |= st.st_mode & S_ISGID;
+        if ((st.st_mode & 07777) == mode) return 0;
+    }
     Changing();
-    if (chmod(ProcPath(node_->Fd()).Get(), mode & 07777) != 0) return -1;
+    if (chmod(ProcPath(node_->Fd()).Get(), mode) != 0) return -1;
     AccessChanged();
     return 0;
 }
 
 int LocalObject::Chown(OxelCtxt* ctxt, const std::string& path, uid_t uid, gid_t gid) {
-    return On(ctxt, path, -1,
-              [&](LocalObject& object) { return object.ChownSelf(ctxt, uid, gid); });
+    return On(ctxt, path, -1, [&](LocalObject& object) {
+        const bool gift = path == "/" && uid == ctxt->id.uid && gid == ctxt->id.gid &&
+                          CallState::Get().WasNamed(*object.node_);
+        return gift ? object.GiveToCaller(ctxt) : object.ChownSelf(ctxt, uid, gid);
+    });
+}
+
+// The last step of CREATE and MKDIR. A local call ends with the object being the caller's too, but
+// the group that its directory imposes stays, and so do the set-id bits that were asked for: a
+// chown, even one that changes nothing, takes them away.
+int LocalObject::GiveToCaller(OxelCtxt* ctxt) {
+    const CallerRights rights(ctxt, *this, CallerRights::Need::kModify);
+    if (!rights || !rights.Become()) return -1;
+    struct stat st;
+    if (fstat(node_->Fd(), &st) != 0) return -1;
+    const uid_t uid = rights.Who().uid;
+    const gid_t gid = HasInheritedGroup(st) ? st.st_gid : rights.Who().gid;
+    if (st.st_uid == uid && st.st_gid == gid) return 0;
+    Changing();
+    if (fchownat(node_->Fd(), "", uid, gid, AT_EMPTY_PATH) != 0) return -1;
+    AccessChanged();
+    return 0;
+}
+
+bool LocalObject::HasInheritedGroup(const struct stat& st) const {
+    gid_t group;
+    if (CallState::Get().GroupWhenMade(*node_, &group)) return group == st.st_gid;
+    // A call that is repeated because its reply was lost finds what the first one made.
+    const size_t slash = std::max<size_t>(path_.rfind('/'), 1);
+    const Ptr directory = CallState::Get().ByPath(*share_, path_.substr(0, slash));
+    struct stat above;
+    return directory && fstat(directory->node_->Fd(), &above) == 0 &&
+           (above.st_mode & S_ISGID) != 0 && above.st_gid == st.st_gid;
 }
 
 int LocalObject::ChownSelf(OxelCtxt* ctxt, uid_t uid, gid_t gid) {

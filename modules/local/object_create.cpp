@@ -51,7 +51,11 @@ BkEndProcPtr LocalObject::CreateChild(OxelCtxt* ctxt, const std::string& name, i
             if (!child && (flags & O_CREAT) != 0 && (errno != EEXIST || (flags & O_EXCL) != 0)) {
                 return nullptr;
             }
-            if (!child) child = OpenExisting(rights, name, flags, &st);
+            if (child) {
+                CallState::Get().Made(child, st);
+                return child;
+            }
+            child = OpenExisting(rights, name, flags, &st);
             if (child) {
                 CallState::Get().Found(child, st);
                 return child;
@@ -115,7 +119,7 @@ BkEndProcPtr LocalObject::CreateChildDir(OxelCtxt* ctxt, const std::string& name
             errno = ENOENT;
             return nullptr;
         }
-        CallState::Get().Found(child, st);
+        CallState::Get().Made(child, st);
         return child;
     });
 }

@@ -109,6 +109,47 @@ TEST_P(Names, CreateGivesTheFileToTheCaller) {
     EXPECT_EQ(ExpectedAttributes(tree_.Path("rw/theirs")).gid, 23456u);
 }
 
+TEST_P(Names, ASetgidDirectoryGivesItsGroupToWhatIsMadeInIt) {
+    if (geteuid() != 0) GTEST_SKIP() << "other users need root";
+    ASSERT_EQ(chown(tree_.Path("rw").c_str(), 0, 34567), 0);
+    ASSERT_EQ(chmod(tree_.Path("rw").c_str(), 02777), 0);
+    SetAttributes attributes;
+    attributes.mode = 0750;
+    NfsClient other(Port(), 12345, 23456);
+    // Twice: a call whose reply is lost is sent again.
+    for (int i = 0; i < 2; ++i) {
+        const std::string wish = XdrWriter().U32(kUnchecked).Raw(attributes.Bytes()).Bytes();
+        EXPECT_EQ(other.Status(other.Nfs(nfs::kCreate, DirectoryName(root_, "file") + wish)), 0u);
+        EXPECT_EQ(
+            other.Status(other.Nfs(nfs::kMkdir, DirectoryName(root_, "dir") + attributes.Bytes())),
+            0u);
+        for (const char* name : {"file", "dir"}) {
+            const Attributes made = ExpectedAttributes(tree_.Path(std::string("rw/") + name));
+            EXPECT_EQ(made.uid, 12345u) << name;
+            EXPECT_EQ(made.gid, 34567u) << name;
+            EXPECT_EQ(made.mode, name == std::string("dir") ? 02750u : 0750u);
+        }
+    }
+}
+
+TEST_P(Names, ModesAreWhatTheClientAsksForWhateverTheServersUmask) {
+    client_.reset();
+    ASSERT_EQ(daemon_.Stop(), 0);
+    daemon_.SetWrapper({"sh", "-c", "umask 077; exec \"$@\"", "sh"});
+    ASSERT_TRUE(daemon_.Start());
+    client_ = std::make_unique<NfsClient>(Port());
+    root_ = client_->MountShare("/rw");
+    for (const uint32_t mode : {0777u, 0666u, 04755u, 06711u, 0u}) {
+        SetAttributes attributes;
+        attributes.mode = mode;
+        const std::string name = std::to_string(mode);
+        EXPECT_EQ(XdrReader(Create(name, kGuarded, attributes)).U32(), 0u);
+        EXPECT_EQ(ExpectedAttributes(tree_.Path("rw/" + name)).mode, mode);
+        EXPECT_EQ(XdrReader(Mkdir(name + "d", attributes)).U32(), 0u);
+        EXPECT_EQ(ExpectedAttributes(tree_.Path("rw/" + name + "d")).mode, mode);
+    }
+}
+
 TEST_P(Names, MkdirAnswersNoDirectoryData) {
     SetAttributes attributes;
     attributes.mode = 0750;
