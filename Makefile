@@ -3,13 +3,14 @@
 SHELL := /bin/bash
 .SHELLFLAGS := -eu -o pipefail -c
 .DEFAULT_GOAL := help
-.PHONY: help deps build run test asan tsan bench format clean
+.PHONY: help deps build run test asan tsan integrity bench format clean
 
 DIR ?=
 PORT ?=
+SECONDS ?= 600
 
 help: ## List the targets
-	@awk -F':.*## ' '/^[a-z]+:.*## / {printf "  make %-8s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
+	@awk -F':.*## ' '/^[a-z]+:.*## / {printf "  make %-9s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
 
 deps:
 	@scripts/install-packages.sh
@@ -29,6 +30,9 @@ asan: deps ## The same tests under the address and undefined-behaviour sanitizer
 
 tsan: deps ## The same tests under the thread sanitizer
 	@scripts/test.sh tsan
+
+integrity: deps ## Data integrity for long, with all three builds: make integrity SECONDS=600
+	@scripts/integrity.sh "$(SECONDS)"
 
 bench: deps ## Measure: server CPU per call, entries per second (docs/benchmarks.md)
 	@scripts/bench.sh

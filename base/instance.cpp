@@ -13,9 +13,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <map>
 #include <mutex>
 
@@ -52,11 +54,18 @@ struct CheckIns {
     std::mutex mutex;
     pid_t pid = 0;
     std::map<std::string, int> held;
+    time_t lastStart = 0;  // of the instance's last start, in this process or an earlier one
 };
 
 CheckIns& TheCheckIns() {
     static auto* checkIns = new CheckIns;
     return *checkIns;
+}
+
+// The time of the lock file is that of the instance's last start.
+void Stamp(int fd, time_t start) {
+    const timespec times[2] = {{start, 0}, {start, 0}};
+    if (futimens(fd, times) != 0) OXEL_LOG(0, "The start cannot be noted in the lock file: %m");
 }
 
 int CheckInFailed(const std::string& path) {
@@ -109,6 +118,17 @@ bool MakeDirectories(const std::string& path, mode_t mode) {
     return chmod(path.c_str(), mode) == 0;  // whatever the umask took away
 }
 
+uint32_t NewStartTime() {
+    CheckIns& checkIns = TheCheckIns();
+    std::lock_guard<std::mutex> lock(checkIns.mutex);
+    time_t start = time(nullptr);
+    if (!checkIns.held.empty() && checkIns.lastStart < UINT32_MAX)
+        start = std::max(start, checkIns.lastStart + 1);
+    checkIns.lastStart = start;
+    for (const auto& [path, fd] : checkIns.held) Stamp(fd, start);
+    return static_cast<uint32_t>(start);
+}
+
 }  // namespace oxel
 
 int uxsvc_checkin(const char* service) {
@@ -126,10 +146,16 @@ int uxsvc_checkin(const char* service) {
     if (!fd) return CheckInFailed(path);
     if (FlockRetrying(fd.Get(), LOCK_EX | LOCK_NB) != 0)
         return errno == EWOULDBLOCK ? 0 : CheckInFailed(path);
+    struct stat before;
+    if (fstat(fd.Get(), &before) != 0) return CheckInFailed(path);
     const std::string pid = std::to_string(getpid()) + "\n";
     if (ftruncate(fd.Get(), 0) != 0 ||
         pwrite(fd.Get(), pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size()))
         return CheckInFailed(path);
+    if (before.st_size != 0) {
+        checkIns.lastStart = std::max(checkIns.lastStart, before.st_mtime);
+        Stamp(fd.Get(), before.st_mtime);
+    }
     checkIns.held[path] = fd.Release();  // the lock lasts as long as the process
     return 1;
 }

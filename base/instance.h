@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 
 #include "base/unique_fd.h"
@@ -40,6 +41,12 @@ class XoNamedMutex {
 };
 
 namespace oxel {
+
+// The time now in seconds, or the next second that no start of this instance has had: clients tell
+// one life of the server from another by this number, and a server that has ended can be back
+// within the second, or be started with the clock set back. Kept as the time of the lock file, so
+// that it holds as long as the run directory does. Without a check-in it is the time now.
+uint32_t NewStartTime();
 
 // Makes `path` with `mode` (whatever the umask) and what is missing above it with 0755. True when
 // the directory is there already, whatever its mode. False with errno.

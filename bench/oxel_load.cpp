@@ -28,7 +28,18 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr uint32_t kNfs = 100003, kMount = 100005;
-enum Procedure : uint32_t { kNull = 0, kGetattr = 1, kLookup = 3, kRead = 6, kReaddirplus = 17 };
+enum Procedure : uint32_t {
+    kNull = 0,
+    kGetattr = 1,
+    kLookup = 3,
+    kRead = 6,
+    kWrite = 7,
+    kCreate = 8,
+    kRemove = 12,
+    kReaddirplus = 17
+};
+// Each connection writes this many blocks of its own, again and again.
+constexpr uint32_t kBlocksWritten = 64;
 
 struct Options {
     uint16_t port = 2049, mountPort = 0;
@@ -36,6 +47,7 @@ struct Options {
     unsigned connections = 8, depth = 8;
     double seconds = 5;
     uint32_t bytes = 64 << 10;
+    uint32_t stable = 0;
     int serverPid = 0;
     bool json = false;
 };
@@ -183,6 +195,8 @@ struct Session {
     std::deque<Clock::time_point> sent;  // replies may come in any order; close enough for latency
     uint32_t offsetBlock = 0;
     uint64_t cookie = 0;
+    uint32_t number = 0;  // of the connection
+    uint64_t names = 0;   // that CREATE and REMOVE have been sent
 };
 
 class Load {
@@ -191,11 +205,12 @@ class Load {
         : options_(options), handle_(std::move(handle)) {}
 
     nlohmann::json Run() {
-        const unsigned depth = options_.operation == "readdirplus" ? 1 : options_.depth;
+        const unsigned depth = Depth();
         std::vector<Session> sessions(options_.connections);
         const oxel::UniqueFd poller(epoll_create1(EPOLL_CLOEXEC));
         for (Session& session : sessions) {
             session.socket = Connect(options_.port);
+            session.number = static_cast<uint32_t>(&session - sessions.data());
             epoll_event event{};
             event.events = EPOLLIN;
             event.data.ptr = &session;
@@ -212,6 +227,13 @@ class Load {
     }
 
   private:
+    // Where a call needs the one before to be done.
+    unsigned Depth() const {
+        return options_.operation == "readdirplus" || options_.operation == "create-remove"
+                   ? 1
+                   : options_.depth;
+    }
+
     void Send(Session* session, unsigned count) {
         std::string batch;
         for (unsigned i = 0; i < count; ++i) {
@@ -264,6 +286,28 @@ class Load {
             return MakeCall(kNfs, 3, kRead, 0, 0,
                             Writer().Opaque(handle_).U64(offset).U32(options_.bytes).Bytes());
         }
+        if (operation == "write") {
+            const uint64_t block = session->number * uint64_t{kBlocksWritten} +
+                                   session->offsetBlock++ % kBlocksWritten;
+            return MakeCall(kNfs, 3, kWrite, 0, 0,
+                            Writer()
+                                .Opaque(handle_)
+                                .U64(block * options_.bytes)
+                                .U32(options_.bytes)
+                                .U32(options_.stable)
+                                .Opaque(data_)
+                                .Bytes());
+        }
+        if (operation == "create-remove") {
+            const uint64_t n = session->names++;
+            const std::string name = "bench-" + std::to_string(getpid()) + "-" +
+                                     std::to_string(session->number) + "-" + std::to_string(n / 2);
+            Writer call;
+            call.Opaque(handle_).Opaque(name);
+            // GUARDED, mode 0644 and nothing else said.
+            if (n % 2 == 0) call.U32(1).U32(1).U32(0644).U32(0).U32(0).U32(0).U32(0).U32(0);
+            return MakeCall(kNfs, 3, n % 2 == 0 ? kCreate : kRemove, 0, 0, call.Bytes());
+        }
         if (operation == "readdirplus")
             return MakeCall(kNfs, 3, kReaddirplus, 0, 0,
                             Writer()
@@ -294,6 +338,12 @@ class Load {
             if (reply.Opaque().size() != count) throw std::runtime_error("read: wrong length");
             totals_.bytes += count;
             session->offsetBlock = eof || count < options_.bytes ? 0 : session->offsetBlock + 1;
+        } else if (options_.operation == "write") {
+            if (reply.U32() != 0) reply.Take(24);
+            reply.SkipAttributes();
+            const uint32_t count = reply.U32();
+            if (count != options_.bytes) throw std::runtime_error("write: not all was written");
+            totals_.bytes += count;
         } else if (options_.operation == "readdirplus") {
             CheckPage(session, &reply);
         }
@@ -325,16 +375,15 @@ class Load {
                        : times[static_cast<size_t>(share * static_cast<double>(times.size() - 1))];
         };
         const double calls = static_cast<double>(totals_.calls);
-        nlohmann::json report = {
-            {"operation", options_.operation},
-            {"connections", options_.connections},
-            {"depth", options_.operation == "readdirplus" ? 1 : options_.depth},
-            {"calls", totals_.calls},
-            {"callsPerSecond", calls / elapsed},
-            {"p50us", at(0.5)},
-            {"p95us", at(0.95)},
-            {"p99us", at(0.99)},
-            {"maxus", at(1)}};
+        nlohmann::json report = {{"operation", options_.operation},
+                                 {"connections", options_.connections},
+                                 {"depth", Depth()},
+                                 {"calls", totals_.calls},
+                                 {"callsPerSecond", calls / elapsed},
+                                 {"p50us", at(0.5)},
+                                 {"p95us", at(0.95)},
+                                 {"p99us", at(0.99)},
+                                 {"maxus", at(1)}};
         if (options_.serverPid != 0)
             report["serverCpuUsPerCall"] = static_cast<double>(cpu) / 1000 / calls;
         if (totals_.bytes != 0)
@@ -351,6 +400,7 @@ class Load {
 
     const Options& options_;
     const std::string handle_;
+    const std::string data_ = std::string(options_.operation == "write" ? options_.bytes : 0, 'w');
     Totals totals_;
     uint32_t xid_ = 0;
 };
@@ -362,12 +412,16 @@ int Main(int argc, char** argv) {
     app.add_option("--mount-port", options.mountPort, "MOUNT port; the NFS port by default");
     app.add_option("--share", options.share, "Path to mount")->required();
     app.add_option("--file", options.file, "File or directory below the share to work on");
-    app.add_option("--op", options.operation, "null, getattr, read or readdirplus");
+    app.add_option("--op", options.operation,
+                   "null, getattr, read, write, create-remove or readdirplus");
     app.add_option("--connections", options.connections)->check(CLI::Range(1, 1000));
     app.add_option("--depth", options.depth, "Calls in flight per connection")
         ->check(CLI::Range(1, 1000));
     app.add_option("--seconds", options.seconds)->check(CLI::Range(0.05, 600.0));
-    app.add_option("--bytes", options.bytes, "READ count; READDIRPLUS dircount and maxcount");
+    app.add_option("--bytes", options.bytes,
+                   "READ and WRITE count; READDIRPLUS dircount and maxcount");
+    app.add_option("--stable", options.stable, "WRITE: 0 UNSTABLE, 1 DATA_SYNC, 2 FILE_SYNC")
+        ->check(CLI::Range(0, 2));
     app.add_option("--server-pid", options.serverPid, "Server whose CPU time is told per call");
     app.add_flag("--json", options.json);
     CLI11_PARSE(app, argc, argv);

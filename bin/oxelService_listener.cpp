@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <memory>
 
 #include "backend/FdCache.h"
@@ -110,7 +109,7 @@ bool StartNfs3Service(bool retry) {
         args = std::make_unique<RPCServiceArgs>(OxelServiceGlobals::nfsProgram,
                                                 OxelServiceGlobals::nfsPort, 3, NfsDispatcher(),
                                                 false, -1);
-        OxelServiceGlobals::SetServerStartTime(static_cast<uint32_t>(time(nullptr)));
+        OxelServiceGlobals::SetServerStartTime(oxel::NewStartTime());
         if (thread.start("NFS", StartRPCService, args.get())) {
             args->doneEvent.wait();
             if (args->started) {

@@ -32,8 +32,9 @@ cleanup() {
 trap cleanup EXIT
 
 share=$work/share
-mkdir -p "$share/many" "$work/root/etc/oxelnfsd"
+mkdir -p "$share/many" "$share/few" "$work/root/etc/oxelnfsd"
 head -c $((64 << 20)) /dev/urandom >"$share/file"
+touch "$share/written"
 (cd "$share/many" && seq -f 'a-file-with-a-name-%06g' 10000 | xargs touch)
 printf '[Oxel]\nnHardened = 1\nnNfs3Port = 0\n' >"$work/root/etc/oxelnfsd/Bench.conf"
 printf '"%s" 127.0.0.1(rw,no_root_squash,insecure)\n' "$share" >"$work/root/etc/oxelnfsd/Bench.exports"
@@ -65,6 +66,9 @@ for _ in $(seq "$rounds"); do
   load --op getattr --file file --connections 1 --depth 1 >>"$work/getattr-single"
   load --op read --file file --bytes 65536 --connections 4 --depth 4 >>"$work/read"
   load --op readdirplus --file many --bytes 65536 --connections 1 >>"$work/readdirplus"
+  load --op write --file written --bytes 65536 --stable 0 --connections 4 --depth 4 >>"$work/write"
+  load --op write --file written --bytes 65536 --stable 2 --connections 4 --depth 4 >>"$work/write-sync"
+  load --op create-remove --file few --connections 4 >>"$work/create-remove"
 done
 
 # median FILE FIELD: the middle one of the rounds, with two digits.
@@ -88,6 +92,9 @@ table() {
   row 'GETATTR, 1 connection x depth 1' getattr-single
   row 'READ 64 KiB, 4 connections x depth 4' read mibPerSecond MiB/s
   row 'READDIRPLUS 64 KiB pages, 10,000 names' readdirplus entriesPerSecond 'entries/s'
+  row 'WRITE 64 KiB UNSTABLE, 4 connections x depth 4' write mibPerSecond MiB/s
+  row 'WRITE 64 KiB FILE_SYNC, 4 connections x depth 4' write-sync mibPerSecond MiB/s
+  row 'CREATE and REMOVE in turn, 4 connections x depth 1' create-remove
 }
 if [[ -n "$dry" ]]; then
   table

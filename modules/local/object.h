@@ -177,6 +177,7 @@ class LocalObject final : public BkEndProc, public boost::enable_shared_from_thi
     // Before and after a change of what the descriptor cache and the call's attributes rest on.
     void Changing();
     void AccessChanged();
+    int SyncAccess(const struct stat& before);
 
     const std::shared_ptr<ShareRoot> share_;
     const std::shared_ptr<FileNode> node_;

@@ -11,6 +11,7 @@
 
 #include "backend/FdCache.h"
 #include "modules/local/call_state.h"
+#include "modules/local/metadata_sync.h"
 #include "modules/local/object.h"
 #include "modules/local/syscalls.h"
 
@@ -51,6 +52,17 @@ void LocalObject::AccessChanged() {
     if (fstat(node_->Fd(), &st) == 0) node_->Saw(st);
 }
 
+// CREATE and MKDIR are followed by a chmod and a chown to what the new object has already; only the
+// time of the last change is moved by that, which is not worth another turn of the disk.
+int LocalObject::SyncAccess(const struct stat& before) {
+    struct stat now;
+    if (fstat(node_->Fd(), &now) == 0 && now.st_mode == before.st_mode &&
+        now.st_uid == before.st_uid && now.st_gid == before.st_gid) {
+        return 0;
+    }
+    return SyncAttributes(*share_, *node_);
+}
+
 int LocalObject::Chmod(OxelCtxt* ctxt, const std::string& path, mode_t mode) {
     return On(ctxt, path, -1, [&](LocalObject& object) { return object.ChmodSelf(ctxt, mode); });
 }
@@ -61,18 +73,18 @@ int LocalObject::ChmodSelf(OxelCtxt* ctxt, mode_t mode) {
     // Clients send a mode with SYMLINK; a symbolic link has none that means anything.
     if (node_->Type() == S_IFLNK) return 0;
     mode &= 07777;
+    struct stat before;
+    if (fstat(node_->Fd(), &before) != 0) return -1;
     // MKDIR names a mode as mkdir(2) does, and gets the set-group-id bit from the directory above
     // as there. Its caller need not be in the group, and then could not set the bit himself.
     if (node_->Type() == S_IFDIR && CallState::Get().WasNamed(*node_)) {
-        struct stat st;
-        if (fstat(node_->Fd(), &st) != 0) return -1;
-        mode |= st.st_mode & S_ISGID;
-        if ((st.st_mode & 07777) == mode) return 0;
+        mode |= before.st_mode & S_ISGID;
+        if ((before.st_mode & 07777) == mode) return 0;
     }
     Changing();
     if (chmod(ProcPath(node_->Fd()).Get(), mode) != 0) return -1;
     AccessChanged();
-    return 0;
+    return SyncAccess(before);
 }
 
 int LocalObject::Chown(OxelCtxt* ctxt, const std::string& path, uid_t uid, gid_t gid) {
@@ -97,7 +109,7 @@ int LocalObject::GiveToCaller(OxelCtxt* ctxt) {
     Changing();
     if (fchownat(node_->Fd(), "", uid, gid, AT_EMPTY_PATH) != 0) return -1;
     AccessChanged();
-    return 0;
+    return SyncAttributes(*share_, *node_);
 }
 
 bool LocalObject::HasInheritedGroup(const struct stat& st) const {
@@ -118,9 +130,11 @@ int LocalObject::ChownSelf(OxelCtxt* ctxt, uid_t uid, gid_t gid) {
     // ones he acts with when he is squashed or when the server has but one user.
     rights.MapOwnIds(&uid, &gid);
     Changing();
+    struct stat before;
+    if (fstat(node_->Fd(), &before) != 0) return -1;
     if (fchownat(node_->Fd(), "", uid, gid, AT_EMPTY_PATH) != 0) return -1;
     AccessChanged();
-    return 0;
+    return SyncAccess(before);
 }
 
 int LocalObject::SetTimes(OxelCtxt* ctxt, const std::string& path, const struct timeval& accessTime,
@@ -147,12 +161,15 @@ int LocalObject::SetTimesSelf(OxelCtxt* ctxt, const struct timespec (&times)[2])
     const CallerRights rights(ctxt, *this, CallerRights::Need::kModify);
     if (!rights || !rights.Become()) return -1;
     Changing();
-    if (utimensat(node_->Fd(), "", times, AT_EMPTY_PATH) == 0) return 0;
+    if (utimensat(node_->Fd(), "", times, AT_EMPTY_PATH) == 0) {
+        return SyncAttributes(*share_, *node_);
+    }
     // Whoever may write a file may set its times to now, though only the owner may set others; here
     // "now" arrives as a number like any other.
     if (errno != EPERM || !IsNow(times[0]) || !IsNow(times[1])) return -1;
     const struct timespec now[2] = {{0, UTIME_NOW}, {0, UTIME_NOW}};
-    return utimensat(node_->Fd(), "", now, AT_EMPTY_PATH);
+    if (utimensat(node_->Fd(), "", now, AT_EMPTY_PATH) != 0) return -1;
+    return SyncAttributes(*share_, *node_);
 }
 
 long LocalObject::PathConf(OxelCtxt* ctxt, const std::string& path, int name) {

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "modules/local/call_state.h"
+#include "modules/local/metadata_sync.h"
 #include "modules/local/names.h"
 #include "modules/local/object.h"
 #include "modules/local/syscalls.h"
@@ -80,7 +81,9 @@ boost::shared_ptr<LocalObject> LocalObject::MakeFile(const std::string& name,
     // object outlives the call and a program that is open for writing cannot be started.
     UniqueFd fd =
         OpenMakingRoom([&] { return open(ProcPath(made.Get()).Get(), O_PATH | O_CLOEXEC); });
-    return fd ? Adopt(std::move(fd), path, name, st) : nullptr;
+    Ptr child = fd ? Adopt(std::move(fd), path, name, st) : nullptr;
+    if (!child || SyncFile(*child->node_, made.Get()) != 0) return nullptr;
+    return SyncDirectory(*share_, *node_) == 0 ? child : nullptr;
 }
 
 // As open(2) with O_CREAT finds a file that exists: it must be one, and the caller must have the
@@ -99,7 +102,9 @@ boost::shared_ptr<LocalObject> LocalObject::OpenExisting(const CallerRights& rig
         errno = child->node_->Type() == S_IFDIR ? EISDIR : EEXIST;
         return nullptr;
     }
-    if (!child->OpenRegular(rights, access | (flags & O_TRUNC))) return nullptr;
+    const UniqueFd fd = child->OpenRegular(rights, access | (flags & O_TRUNC));
+    if (!fd) return nullptr;
+    if ((flags & O_TRUNC) != 0 && SyncFile(*child->node_, fd.Get()) != 0) return nullptr;
     return child;
 }
 
@@ -117,6 +122,9 @@ BkEndProcPtr LocalObject::CreateChildDir(OxelCtxt* ctxt, const std::string& name
         // a directory of his is as good for the caller as one that he moves there later.
         if (child->node_->Type() != S_IFDIR) {
             errno = ENOENT;
+            return nullptr;
+        }
+        if (SyncDirectory(*share_, *child->node_) != 0 || SyncDirectory(*share_, *node_) != 0) {
             return nullptr;
         }
         CallState::Get().Made(child, st);
@@ -138,7 +146,8 @@ int LocalObject::CreateSymlink(OxelCtxt* ctxt, const std::string& target,
         }
         if (!rights.Become()) return -1;
         Changing();
-        return symlinkat(target.c_str(), node_->Fd(), name.c_str());
+        if (symlinkat(target.c_str(), node_->Fd(), name.c_str()) != 0) return -1;
+        return SyncDirectory(*share_, *node_);
     });
 }
 
@@ -168,7 +177,9 @@ int LocalObject::HardLink(OxelCtxt* ctxt, const std::string& existingPath,
         if (!share_->Places().Find(existing->node_->Inode(), &place)) {
             share_->Places().Put(existing->node_->Inode(), {std::string(node_->Id().Body()), name});
         }
-        return 0;
+        // The link count goes first: a name more than it says is worse than one less.
+        if (SyncAttributes(*share_, *existing->node_) != 0) return -1;
+        return SyncDirectory(*share_, *node_);
     });
 }
 

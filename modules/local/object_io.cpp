@@ -9,6 +9,7 @@
 
 #include "backend/FdCache.h"
 #include "modules/local/call_state.h"
+#include "modules/local/metadata_sync.h"
 #include "modules/local/object.h"
 #include "modules/local/syscalls.h"
 
@@ -114,8 +115,9 @@ int LocalObject::TruncateSelf(OxelCtxt* ctxt, uint64_t size) {
     do {
         result = ftruncate(fd.Get(), static_cast<off_t>(size));
     } while (result != 0 && errno == EINTR);
-    if (result == 0) AccessChanged();
-    return result;
+    if (result != 0) return -1;
+    AccessChanged();
+    return SyncFile(*node_, fd.Get());
 }
 
 }  // namespace oxel::local

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "backend/FdCache.h"
+#include "modules/local/metadata_sync.h"
 #include "modules/local/names.h"
 #include "modules/local/object.h"
 #include "modules/local/object_cache.h"
@@ -70,7 +71,7 @@ int LocalObject::RemoveName(const CallerRights& rights, LocalObject& directory,
     Changing();
     if (unlinkat(directory.node_->Fd(), name.c_str(), flags) != 0) return -1;
     NameRemoved(directory, name);
-    return 0;
+    return SyncDirectory(*share_, *directory.node_);
 }
 
 // Lets go of everything that was kept for the sake of the name, and, when it was the last one, of
@@ -121,7 +122,10 @@ int LocalObject::Rename(OxelCtxt* ctxt, const std::string& fromName, const std::
         }
         if (replaced) replaced->NameRemoved(*to, toName);
         Moved(*to, toName, std::move(path));
-        return 0;
+        // The new name first: twice is better than not at all.
+        if (SyncDirectory(*share_, *to->node_) != 0) return -1;
+        return from->node_->Inode() == to->node_->Inode() ? 0
+                                                          : SyncDirectory(*share_, *from->node_);
     });
 }
 

@@ -153,6 +153,11 @@ int DelayedWrites::Settle(const FileNode& node, const CLuIPAddr& client,
     return SyncOne(*file, &bytes, sync);
 }
 
+int DelayedWrites::SettleForAll(const FileNode& node, const std::function<int()>& sync) {
+    const std::shared_ptr<File> file = Find(KeyOf(node));
+    return file ? SyncOne(*file, nullptr, sync) : sync();
+}
+
 int DelayedWrites::SyncOne(File& file, const Client* client, const std::function<int()>& sync) {
     std::lock_guard<std::mutex> one(file.syncing);
     int error = sync();

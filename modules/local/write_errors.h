@@ -51,6 +51,8 @@ class DelayedWrites {
     // with its error, or with one that was seen earlier and that this client has not been told.
     // Every other client with uncommitted data will be told of an error too, once.
     int Settle(const FileNode& node, const CLuIPAddr& client, const std::function<int()>& sync);
+    // The same where no client asks for its data to be committed: every one of them will be told.
+    int SettleForAll(const FileNode& node, const std::function<int()>& sync);
     // The file is gone, and its data with it.
     void Forget(const FileNode& node);
     // Syncs files that nobody has written since `beforeMs` (of NowMs) and lets go of them: clients

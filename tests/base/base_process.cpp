@@ -47,6 +47,12 @@ static int CheckIn() {
     return 0;
 }
 
+static int StartTime() {
+    if (uxsvc_checkin("oxelnfsd") == 0) return 1;
+    printf("%u\n", oxel::NewStartTime());
+    return 0;
+}
+
 static int Lock(const char* name) {
     XoNamedMutex mutex(name);
     printf("%d\n", mutex.lock() ? 1 : 0);
@@ -77,6 +83,7 @@ int main(int argc, char** argv) {
     if (strcmp(scenario, "usage") == 0) return Usage();
     if (strcmp(scenario, "fatal") == 0) return FatalError();
     if (strcmp(scenario, "checkin") == 0) return CheckIn();
+    if (strcmp(scenario, "start-time") == 0) return StartTime();
     if (strcmp(scenario, "lock") == 0 && argc > 2) return Lock(argv[2]);
     if (strcmp(scenario, "initialise") == 0) return Initialise();
     return 2;

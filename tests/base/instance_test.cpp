@@ -3,13 +3,16 @@
 // Check-in, named locks and the process's preparation.
 #include "base/instance.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <thread>
 
 #include "base/log.h"
@@ -96,6 +99,44 @@ TEST(CheckIn, OneProcessMayCheckInAgain) {
     const PrivateRoot root("CheckInTwice");
     EXPECT_NE(uxsvc_checkin("oxelnfsd"), 0);
     EXPECT_NE(uxsvc_checkin("oxelnfsd"), 0);
+}
+
+static long NextStart() {
+    return atol(RunProgram({BesideMe("base_process"), "start-time"}).output.c_str());
+}
+
+TEST(StartTime, TwoStartsWithinASecondDiffer) {
+    const PrivateRoot root;
+    const long begin = static_cast<long>(time(nullptr));
+    long last = NextStart();
+    EXPECT_GE(last, begin);
+    EXPECT_LE(last, static_cast<long>(time(nullptr)));
+    for (int i = 0; i < 5; ++i) {
+        const long next = NextStart();
+        EXPECT_GT(next, last);
+        last = next;
+    }
+}
+
+TEST(StartTime, AProcessThatEndsBeforeItsServiceStartsForgetsNothing) {
+    const PrivateRoot root;
+    NextStart();
+    const long last = NextStart() + 1000;
+    const timespec times[2] = {{last, 0}, {last, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, root.Paths().instanceLock.c_str(), times, 0), 0);
+    RunProgram({BesideMe("base_process"), "checkin"});
+    EXPECT_EQ(NextStart(), last + 1);
+}
+
+// The clock was ahead at the last start.
+TEST(StartTime, AClockThatWasSetBackGivesNoNumberAgain) {
+    const PrivateRoot root;
+    NextStart();
+    const time_t ahead = time(nullptr) + 86400;
+    const timespec times[2] = {{ahead, 0}, {ahead, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, root.Paths().instanceLock.c_str(), times, 0), 0);
+    EXPECT_EQ(NextStart(), ahead + 1);
+    EXPECT_EQ(NextStart(), ahead + 2);
 }
 
 TEST(CheckIn, LockFileThatCannotBeMadeIsSaidOnStandardError) {
