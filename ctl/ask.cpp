@@ -60,6 +60,7 @@ ExitCode Fail(const Settings& settings, ExitCode code, const std::string& why, j
         json answer = details.is_object() ? std::move(details) : json::object();
         answer["error"] = why;
         PrintJson(answer);
+        fflush(stdout);
     }
     fprintf(stderr, "oxelctl: %s\n", why.c_str());
     return code;

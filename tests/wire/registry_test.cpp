@@ -101,8 +101,8 @@ TEST_F(Registry, AKilledDaemonLosesNoMountThatItAnswered) {
 }
 
 TEST_F(Registry, ADamagedFileIsPutAsideAndTheDaemonServes) {
-    for (const std::string damage : {std::string(), std::string("{\"version\":1,\"sha"),
-                                     std::string(100, '\0'), std::string("[[[[")}) {
+    for (const std::string& damage : {std::string(), std::string("{\"version\":1,\"sha"),
+                                      std::string(100, '\0'), std::string("[[[[")}) {
         tree_.Write("var/lib/oxelnfsd/wire/registry.json", damage);
         ASSERT_TRUE(daemon_.Start());
         EXPECT_TRUE(daemon_.LogHas("The registry of mounts [" + file_ +

@@ -201,10 +201,16 @@ TEST_F(Reload, ReadOnlyAndReadWriteTakeEffectWithTheNextCall) {
     StartWith(Line('a'));
     NfsClient client(daemon_.Port());
     const std::string file = client.Lookup(client.MountShare("/a"), "file");
-    for (int round = 0; round < 2; ++round) {
+    // A share that nobody may modify, and one that this client may not.
+    const struct {
+        const char* clients;
+        uint32_t status;
+    } rows[] = {{"*(ro,no_root_squash,insecure)", kAccess},
+                {"127.0.0.1(ro,no_root_squash,insecure) 10.99.0.1(rw)", kReadOnly}};
+    for (const auto& row : rows) {
         EXPECT_EQ(Write(client, file, "rw"), kOk);
-        ReloadTo(Line('a', "*(ro,no_root_squash,insecure)"));
-        EXPECT_EQ(Write(client, file, "ro"), kReadOnly);
+        ReloadTo(Line('a', row.clients));
+        EXPECT_EQ(Write(client, file, "ro"), row.status) << row.clients;
         EXPECT_EQ(client.Read(file, 0, 100), "rw a");
         ReloadTo(Line('a'));
     }
