@@ -63,6 +63,11 @@ struct InodeIdentity {
     uint64_t inode;
     int64_t birthSeconds;  // both 0 where the file system keeps no birth times
     uint32_t birthNanoseconds;
+    // On overlayfs a file that is changed for the first time is copied from a lower layer and then
+    // has the birth time of the copy. Where the kernel tells what it was copied from, a hash of
+    // that stands in birthSeconds, and this in birthNanoseconds.
+    static constexpr uint32_t kOrigin = 0x80000000;
+    bool IsOrigin() const { return birthNanoseconds == kOrigin; }
     bool operator==(const InodeIdentity&) const = default;
 };
 std::string EncodeInodeBody(const InodeIdentity& identity);

@@ -4,6 +4,7 @@
 #include "modules/local/kernel_handle.h"
 
 #include <fcntl.h>
+#include <sodium.h>
 
 #include <cerrno>
 #include <cstring>
@@ -34,6 +35,28 @@ bool KernelHandleOf(int fd, std::string* body) {
     }
     body->assign(1, static_cast<char>(handle->handle_type));
     body->append(reinterpret_cast<const char*>(handle->f_handle), handle->handle_bytes);
+    return true;
+}
+
+bool LayerOriginOf(int fd, uint64_t* hash) {
+    constexpr int kIdentifierOnly = 0x200;     // AT_HANDLE_FID: need not be good for opening
+    constexpr int kLayerIdentifier = 0xf8;     // OVL_FILEID_V1
+    constexpr unsigned kIdentifierBytes = 64;  // what layers have is shorter
+    alignas(file_handle) char bytes[sizeof(file_handle) + kIdentifierBytes] = {};
+    auto* handle = reinterpret_cast<file_handle*>(bytes);
+    handle->handle_bytes = kIdentifierBytes;
+    int mountId;
+    if (name_to_handle_at(fd, "", handle, &mountId, AT_EMPTY_PATH | kIdentifierOnly) != 0) {
+        return false;
+    }
+    if (handle->handle_type != kLayerIdentifier) {
+        errno = EOPNOTSUPP;
+        return false;
+    }
+    static_assert(sizeof *hash == crypto_shorthash_BYTES);
+    constexpr unsigned char kKey[crypto_shorthash_KEYBYTES] = {};  // not a secret, only short
+    crypto_shorthash(reinterpret_cast<unsigned char*>(hash), handle->f_handle, handle->handle_bytes,
+                     kKey);
     return true;
 }
 

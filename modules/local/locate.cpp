@@ -44,7 +44,7 @@ Lead LeadTo(ShareRoot& share, const std::string& relative, const InodeIdentity& 
     UniqueFd there = OpenInside(share.Fd(), relative.c_str());
     struct stat st;
     InodeIdentity found;
-    if (!there || StatWithBirth(there.Get(), &st, &found) != 0) return Lead::kNowhere;
+    if (!there || share.Identify(there.Get(), &st, &found, &wanted) != 0) return Lead::kNowhere;
     if (st.st_dev != share.Device() || found.inode != wanted.inode) return Lead::kNowhere;
     if (found != wanted) return Lead::kGone;
     *fd = std::move(there);
@@ -157,7 +157,7 @@ void RememberPath(ShareRoot& share, const std::string& path) {
         const UniqueFd fd = OpenInside(share.Fd(), relative.substr(0, end).c_str());
         struct stat st;
         InodeIdentity identity;
-        if (!fd || StatWithBirth(fd.Get(), &st, &identity) != 0) return;
+        if (!fd || share.Identify(fd.Get(), &st, &identity) != 0) return;
         place.name = relative.substr(begin, end - begin);
         share.Places().Put(identity.inode, place);
         place.parent = EncodeInodeBody(identity);
@@ -183,7 +183,7 @@ bool LocateInode(ShareRoot& share, std::string_view body, Location* location) {
         const auto isIt = [&](int fd) {
             struct stat st;
             InodeIdentity identity;
-            return StatWithBirth(fd, &st, &identity) == 0 && identity == wanted;
+            return share.Identify(fd, &st, &identity, &wanted) == 0 && identity == wanted;
         };
         lead = fromPlaces();
         found = lead == Lead::kThere ||

@@ -87,7 +87,7 @@ boost::shared_ptr<LocalObject> LocalObject::FromFd(const std::shared_ptr<ShareRo
         if (fstat(fd.Get(), st) != 0 || !KernelHandleOf(fd.Get(), &body)) return nullptr;
     } else {
         InodeIdentity identity;
-        if (StatWithBirth(fd.Get(), st, &identity) != 0) return nullptr;
+        if (share->Identify(fd.Get(), st, &identity) != 0) return nullptr;
         if (st->st_dev != share->Device()) {
             errno = EXDEV;  // a subvolume, whose inode numbers are not this share's
             return nullptr;

@@ -90,6 +90,7 @@ ObjectPtr Resolve(LocalExport& share, const ObjectId& id, struct stat* st) {
         if (!now) cache.Drop(*cached);
         return now;
     }
+    if (share.Root().IsRootBody(id.Body())) return Verify(share.RootObject(), st);
     return id.Kind() == HandleKind::kKernel ? FromKernelHandle(share, id, st)
                                             : FromInode(share, id, st);
 }

@@ -34,6 +34,11 @@ bool HandlesAreKept(int fd) {
     return fstatfs(fd, &fs) == 0 && static_cast<uint32_t>(fs.f_type) != FUSE_SUPER_MAGIC;
 }
 
+bool IsLayered(int fd) {
+    struct statfs fs;
+    return fstatfs(fd, &fs) == 0 && static_cast<uint32_t>(fs.f_type) == OVERLAYFS_SUPER_MAGIC;
+}
+
 // Every ShareRoot that is alive, by share id, module type and directory inode.
 struct Registry {
     using Key = std::tuple<uint32_t, FSModuleType, dev_t, uint64_t, std::string>;
@@ -67,7 +72,8 @@ std::shared_ptr<ShareRoot> ShareRoot::Open(FSModuleType type, uint32_t shareId,
         OpenMakingRoom([&] { return open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
     struct stat st;
     InodeIdentity identity;
-    if (!root->fd_ || StatWithBirth(root->Fd(), &st, &identity) != 0 ||
+    root->layered_ = root->fd_ && IsLayered(root->Fd());
+    if (!root->fd_ || root->Identify(root->Fd(), &st, &identity) != 0 ||
         !PathOfFd(root->Fd(), &root->prefix_)) {
         *error = SystemReason(directory);
         return nullptr;
@@ -118,7 +124,15 @@ bool ShareRoot::RelativeToPrefix(const std::string& path, std::string* relative)
     return StartsBelow(path, prefix_, relative);
 }
 
-int StatWithBirth(int fd, struct stat* st, InodeIdentity* identity) {
+bool ShareRoot::IsRootBody(std::string_view body) const {
+    InodeIdentity wanted, found;
+    struct stat st;
+    return kind_ == HandleKind::kInode && DecodeInodeBody(body, &wanted) &&
+           wanted.inode == inode_ && Identify(Fd(), &st, &found, &wanted) == 0 && found == wanted;
+}
+
+int ShareRoot::Identify(int fd, struct stat* st, InodeIdentity* identity,
+                        const InodeIdentity* like) const {
     struct statx x;
     if (statx(fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &x) != 0) return -1;
     *st = {};
@@ -139,6 +153,11 @@ int StatWithBirth(int fd, struct stat* st, InodeIdentity* identity) {
     if ((x.stx_mask & STATX_BTIME) != 0) {
         identity->birthSeconds = x.stx_btime.tv_sec;
         identity->birthNanoseconds = x.stx_btime.tv_nsec;
+    }
+    uint64_t origin;
+    if (layered_ && (like == nullptr || like->IsOrigin()) && LayerOriginOf(fd, &origin)) {
+        identity->birthSeconds = static_cast<int64_t>(origin);
+        identity->birthNanoseconds = InodeIdentity::kOrigin;
     }
     return 0;
 }

@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "backend/types.h"
 #include "base/unique_fd.h"
@@ -38,10 +39,18 @@ class ShareRoot {
     // Different for every ShareRoot of the process's life.
     uint64_t Serial() const { return serial_; }
     bool IsRoot(const struct stat& st) const { return st.st_ino == inode_ && st.st_dev == device_; }
+    // Whether a kind 2 body that a client sent is the root's, also in a form that other kernels
+    // give.
+    bool IsRootBody(std::string_view body) const;
     dev_t Device() const { return device_; }
     uint64_t Inode() const { return inode_; }
     // The body of the root's object id.
     const std::string& Body() const { return body_; }
+
+    // What kind 2 says of an open object of this file system; the whole record goes into *st.
+    // `like` chooses the form to compare with it. 0, or -1.
+    int Identify(int fd, struct stat* st, InodeIdentity* identity,
+                 const InodeIdentity* like = nullptr) const;
 
     // The path below the root ("a/b", empty for the root) of an absolute path that the kernel gave
     // for a descriptor. False when it lies outside. Knows when the root itself has been renamed.
@@ -77,6 +86,7 @@ class ShareRoot {
     std::string prefix_;
     dev_t device_ = 0;
     uint64_t inode_ = 0;
+    bool layered_ = false;  // overlayfs
     HandleKind kind_ = HandleKind::kInode;
     std::string body_;
     uint64_t serial_ = 0;
@@ -88,8 +98,5 @@ class ShareRoot {
     std::mutex currentMutex_;
     std::string current_;  // guarded by currentMutex_: where the root lies now, as Prefix
 };
-
-// The inode and birth time of an open object; the whole record goes into *st. 0, or -1.
-int StatWithBirth(int fd, struct stat* st, InodeIdentity* identity);
 
 }  // namespace oxel::local

@@ -27,7 +27,7 @@ bool BodyOf(const ShareRoot& share, int directory, std::string* body) {
     if (share.Kind() == HandleKind::kKernel) return KernelHandleOf(directory, body);
     struct stat st;
     InodeIdentity identity;
-    if (StatWithBirth(directory, &st, &identity) != 0) return false;
+    if (share.Identify(directory, &st, &identity) != 0) return false;
     *body = EncodeInodeBody(identity);
     return true;
 }
@@ -38,6 +38,7 @@ bool SearchTree(ShareRoot& share, uint64_t inode, const std::function<bool(int f
                 std::string* relative, UniqueFd* fd) {
     OXEL_LOG(2, "Searching share [%u] for inode [%llu].", share.ShareId(),
              static_cast<unsigned long long>(inode));
+    fd->Reset();
     const PlacesBatch batch(share.Places());
     std::vector<std::string> pending{""};
     while (!pending.empty()) {
@@ -55,13 +56,14 @@ bool SearchTree(ShareRoot& share, uint64_t inode, const std::function<bool(int f
             place.name = entry.name;
             if (place.name == "." || place.name == "..") continue;
             std::string below = path.empty() ? place.name : path + "/" + place.name;
-            if (entry.inode == inode) {
+            if (entry.inode == inode && !*fd) {
                 UniqueFd candidate = OpenInside(reader.Fd(), entry.name);
                 if (candidate && isIt(candidate.Get())) {
                     share.Places().Put(inode, place);
                     *relative = std::move(below);
                     *fd = std::move(candidate);
-                    return true;
+                    if (share.Kind() != HandleKind::kInode) return true;
+                    below = *relative;
                 }
             }
             const bool isDirectory = IsDirectory(reader.Fd(), entry);
@@ -71,7 +73,7 @@ bool SearchTree(ShareRoot& share, uint64_t inode, const std::function<bool(int f
             if (isDirectory && below.size() < PATH_MAX) pending.push_back(std::move(below));
         }
     }
-    return false;
+    return static_cast<bool>(*fd);
 }
 
 }  // namespace oxel::local
