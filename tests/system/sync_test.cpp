@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -41,14 +43,19 @@ class SyncCalls : public testing::Test {
         (void)NewSyncs();
     }
 
-    // What has been brought to the disk since the last question. Whatever belongs to a reply that
-    // has come is there.
+    // What of the share has been brought to the disk since the last question. Whatever belongs to a
+    // reply that has come is there. The daemon's own files are synced when it likes.
     Syncs NewSyncs() {
         const std::string record = ReadFile(tree_.Path("syncs"));
         std::istringstream lines(record.substr(seen_));
         seen_ = record.size();
+        std::set<std::string> inodes{Inode("")};
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(tree_.Path("share")))
+            inodes.insert(Inode(entry.path().lexically_relative(tree_.Path("share"))));
         Syncs syncs;
-        for (std::string line; std::getline(lines, line);) syncs.push_back(line);
+        for (std::string line; std::getline(lines, line);) {
+            if (inodes.count(line.substr(line.find(' '))) != 0) syncs.push_back(line);
+        }
         return syncs;
     }
     std::string Inode(const std::string& name) {
