@@ -84,9 +84,6 @@ static void Dispatch(svc_req* request, SVCXPRT* transport) {
     LOG_DISPATCH(3, "Procedure Name [%d:%s]", call.procedure, call.row->name);
     const auto freeArguments = [&] {
         transport->xp_ops->xp_freeargs(transport, call.row->xdrArguments, &call.arguments());
-        // The record waits for the next MOUNT call; a share that is removed until then must not
-        // stay, and keep its directory open, because of that.
-        call.exportPtr.reset();
     };
     if (!transport->xp_ops->xp_getargs(transport, call.row->xdrArguments, &call.arguments())) {
         LOG_DISPATCH(-1, "Error: : Args Decode Failed. procNum [%d]", call.procedure);
