@@ -13,6 +13,7 @@ namespace oxel::testing {
 
 class ChangeTest : public LocalTest {
   protected:
+    void SetUp() override;
     void TearDown() override;
 
     // Whose calls the following ones are; at first this process's own ids.

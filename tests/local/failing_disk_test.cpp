@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "backend/FdCache.h"
+#include "modules/local/disk_calls.h"
 #include "modules/local/object_cache.h"
 #include "tests/local/change_fixture.h"
 
@@ -17,6 +18,10 @@ namespace {
 
 class FailingDisk : public ChangeTest {
   protected:
+    void SetUp() override {
+        ChangeTest::SetUp();
+        local::gDisk = &local::kRealDisk;
+    }
     // Seen by this process alone. False where that is not allowed, or without loop devices.
     bool MountShareOnSmallDisk() {
         if (unshare(CLONE_NEWNS) != 0) return false;

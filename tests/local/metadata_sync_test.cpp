@@ -30,7 +30,7 @@ int SyncFile(int fd) {
     if (fstat(fd, &st) != 0) return -1;
     std::lock_guard<std::mutex> lock(disk.mutex);
     disk.synced.insert(st.st_ino);
-    if (disk.failing != st.st_ino) return fsync(fd);
+    if (disk.failing != st.st_ino) return 0;
     disk.failing = 0;
     errno = disk.error;
     return -1;

@@ -327,6 +327,8 @@ class CrashClient {
         }
         file->unansweredSize = -1;
         ExpectNothingLostOrForeign(*file, found);
+        // From here on an older write can come to lie over a later stable one, until all are sent.
+        for (Pending& write : file->pending) write.stable = false;
         const std::deque<Pending> again = file->pending;
         for (const Pending& write : again) {
             const auto results = session_.Call(
