@@ -99,7 +99,7 @@ TEST_F(Oxelctl, ReloadTellsWhatBecameOfTheShares) {
 TEST_F(Oxelctl, ARefusedReloadShowsEveryErrorWithItsLine) {
     const json errors = {{{"file", "/etc/I.exports"}, {"line", 3}, {"reason", "it is\nbad"}},
                          {{"file", "/etc/I.exports"}, {"line", 0}, {"reason", "no file"}}};
-    SetControlHandler("reload", [&](const json&) {
+    SetControlHandler("reload", [errors](const json&) {
         ControlReply reply;
         reply.ok = false;
         reply.error = "the shares stay as they were: 2 errors in the exports file";
