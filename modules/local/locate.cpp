@@ -138,7 +138,8 @@ bool Locate(ShareRoot& share, int fd, const struct stat& st, std::string_view bo
         location->path = share.FullPath(relative);
         return true;
     }
-    if (ChangeWouldShow(ChangeTime(st))) share.NotFound().insert(key, {ChangeTime(st), NowMs()});
+    if (errno == ENOENT && ChangeWouldShow(ChangeTime(st)))
+        share.NotFound().insert(key, {ChangeTime(st), NowMs()});
     return false;
 }
 
@@ -161,7 +162,7 @@ bool LocateInode(ShareRoot& share, std::string_view body, Location* location) {
             return StatWithBirth(fd, &st, &identity) == 0 && identity == wanted;
         };
         found = fromPlaces() || SearchTree(share, wanted.inode, isIt, &relative, &location->fd);
-        if (!found) share.NotFound().insert(key, {0, NowMs()});
+        if (!found && errno == ENOENT) share.NotFound().insert(key, {0, NowMs()});
     }
     if (found) location->path = share.FullPath(relative);
     return found;

@@ -38,6 +38,12 @@ bool SearchTree(ShareRoot& share, uint64_t inode, const std::function<bool(int f
                 std::string* relative, UniqueFd* fd) {
     OXEL_LOG(2, "Searching share [%u] for inode [%llu].", share.ShareId(),
              static_cast<unsigned long long>(inode));
+    // A directory that has been removed meanwhile, or that has another file system mounted on it,
+    // does not make the search less than whole.
+    int cutShort = 0;
+    const auto note = [&](bool opened) {
+        if (!opened && (errno == EMFILE || errno == ENFILE || errno == ENOMEM)) cutShort = errno;
+    };
     std::vector<std::string> pending{""};
     while (!pending.empty()) {
         const std::string path = std::move(pending.back());
@@ -46,6 +52,7 @@ bool SearchTree(ShareRoot& share, uint64_t inode, const std::function<bool(int f
             return OpenAt2(share.Fd(), path.empty() ? "." : path.c_str(),
                            O_RDONLY | O_DIRECTORY | O_NOFOLLOW, kInsideShare);
         });
+        note(static_cast<bool>(directory));
         InodePlace place;
         if (!directory || !BodyOf(share, directory.Get(), &place.parent)) continue;
         DirReader reader(std::move(directory));
@@ -56,6 +63,7 @@ bool SearchTree(ShareRoot& share, uint64_t inode, const std::function<bool(int f
             std::string below = path.empty() ? place.name : path + "/" + place.name;
             if (entry.inode == inode) {
                 UniqueFd candidate = OpenInside(reader.Fd(), entry.name);
+                note(static_cast<bool>(candidate));
                 if (candidate && isIt(candidate.Get())) {
                     share.Places().Put(inode, place);
                     *relative = std::move(below);
@@ -70,6 +78,7 @@ bool SearchTree(ShareRoot& share, uint64_t inode, const std::function<bool(int f
             if (isDirectory && below.size() < PATH_MAX) pending.push_back(std::move(below));
         }
     }
+    errno = cutShort != 0 ? cutShort : ENOENT;
     return false;
 }
 

@@ -15,7 +15,8 @@ namespace oxel::local {
 // Looks for a name of the inode below the share's root; `isIt` decides about an O_PATH descriptor
 // of a candidate. Only directories are read, no other object is touched, so the cost is that of
 // listing the share. The places passed by are remembered while there is room, so that the next
-// objects need no search of their own. The caller holds the share's search mutex.
+// objects need no search of their own. False with errno: ENOENT when the whole share was searched,
+// another one when something kept the search from it. The caller holds the share's search mutex.
 bool SearchTree(ShareRoot& share, uint64_t inode, const std::function<bool(int fd)>& isIt,
                 std::string* relative, UniqueFd* fd);
 
