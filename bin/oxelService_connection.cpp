@@ -3,18 +3,22 @@
 // Accepting connections, and the guard that each of them gets.
 #include "bin/oxelService_connection.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
 #include <utility>
 
+#include "backend/FdCache.h"
 #include "backend/OxelServiceGlobals.h"
 #include "base/log.h"
 #include "base/unique_fd.h"
@@ -86,6 +90,7 @@ const TransportOperations* gLibraryListenerOperations = nullptr;
 oxel::UniqueFd gReserve;
 
 constexpr int kNoDescriptorPauseMs = 50;
+constexpr rlim_t kDescriptorsForFiles = 64;
 
 }  // namespace
 
@@ -93,13 +98,30 @@ static void FillReserve() {
     if (!gReserve) gReserve.Reset(eventfd(0, EFD_CLOEXEC));
 }
 
-static void RefuseWithoutDescriptor(int listener) {
+static void SayNoDescriptor(int error) {
     static bool said = false;
-    if (!said) {
-        said = true;
-        OXEL_LOG(-1, "Error: No descriptor is left for a new connection. [%s]. Raise the limit.",
-                 strerror(errno));
-    }
+    if (said) return;
+    said = true;
+    OXEL_LOG(-1, "Error: No descriptor is left for a new connection. [%s]. Raise the limit.",
+             strerror(error));
+}
+
+// Connections leave the last descriptors to the calls of those that are there: a file that cannot
+// be opened for want of one looks to its client as if it were gone. What is kept open between calls
+// gives way to a connection. Empty when there is no room.
+static oxel::UniqueFd LeavingRoomForFiles(oxel::UniqueFd socket) {
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return socket;
+    const rlim_t end = limit.rlim_cur - std::min(limit.rlim_cur / 4, kDescriptorsForFiles);
+    if (static_cast<rlim_t>(socket.Get()) < end) return socket;
+    gFdCache.Clear();
+    oxel::UniqueFd lower(fcntl(socket.Get(), F_DUPFD_CLOEXEC, 0));
+    if (lower && static_cast<rlim_t>(lower.Get()) < end) return lower;
+    return oxel::UniqueFd();
+}
+
+static void RefuseWithoutDescriptor(int listener) {
+    SayNoDescriptor(errno);
     gReserve.Reset();
     oxel::UniqueFd refused(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
     // Another thread was quicker to take the number: wait for one rather than ask without end.
@@ -149,7 +171,11 @@ static bool_t Accept(SVCXPRT* listener, rpc_msg*) {
     for (int accepted = 0; accepted < 100; ++accepted) {
         oxel::UniqueFd socket(accept4(listener->xp_fd, nullptr, nullptr, SOCK_CLOEXEC));
         if (socket) {
-            AdoptConnection(std::move(socket));
+            socket = LeavingRoomForFiles(std::move(socket));
+            if (socket)
+                AdoptConnection(std::move(socket));
+            else
+                SayNoDescriptor(EMFILE);
         } else if (errno == EMFILE || errno == ENFILE) {
             RefuseWithoutDescriptor(listener->xp_fd);
             return FALSE;

@@ -23,6 +23,16 @@ void FillAfter(OxelCtxt* ctxt, const std::string& path, post_op_attr* after) {
     after->attributes_follow = OSStatToNfsStat(ctxt, path, &after->attributes) == 0;
 }
 
+// FindChild, and why nothing was found: ENOENT when nothing is there, also of a back end that gives
+// no reason.
+BkEndProcPtr FindOrMissing(OxelCtxt* ctxt, const BkEndProcPtr& directory, const char* name,
+                           int* err) {
+    errno = ENOENT;
+    BkEndProcPtr child = directory->FindChild(ctxt, name);
+    *err = errno != 0 ? errno : ENOENT;
+    return child;
+}
+
 }  // namespace
 
 // ---- REMOVE (RFC 1813 section 3.3.12) ----
@@ -59,21 +69,24 @@ bool_t Handle_REMOVE3(CallInfo3* call) {
         return FillREMOVE3FailRes(result, SysErrToNFSErr(beforeErr, true));
     }
     // REMOVE of a missing name succeeds (RFC 1813 has NFS3ERR_NOENT), so a retransmitted REMOVE
-    // needs no reply cache.
-    const BkEndProcPtr child = directory->FindChild(&ctxt, what.name);
+    // needs no reply cache. A name that could not be looked for is not missing.
+    int err;
+    const BkEndProcPtr child = FindOrMissing(&ctxt, directory, what.name, &err);
+    const std::string path = directoryPath + "/" + what.name;
+    bool failed = !child && err != ENOENT;
     if (child) {
-        const std::string path = directoryPath + "/" + what.name;
         OxelCtxt both(call->identity, call->exportPtr, child, directory);
-        if (child->Unlink(&both, path) == -1) {
-            const int err = errno;
-            OXEL_LOG(-1, "Error: Failed unlink [%s] [%d:%s]", path.c_str(), err, strerror(err));
-            result->status = SysErrToNFSErr(err, true);
-            wcc->before.attributes_follow = TRUE;
-            // Gathered and not sent: of a failed removal a client learns only what was before.
-            (void)OSStatToNfsStat(&ctxt, directoryPath, &wcc->after.attributes);
-            wcc->after.attributes_follow = FALSE;
-            return TRUE;
-        }
+        failed = child->Unlink(&both, path) == -1;
+        err = errno;
+    }
+    if (failed) {
+        OXEL_LOG(-1, "Error: Failed unlink [%s] [%d:%s]", path.c_str(), err, strerror(err));
+        result->status = SysErrToNFSErr(err, true);
+        wcc->before.attributes_follow = TRUE;
+        // Gathered and not sent: of a failed removal a client learns only what was before.
+        (void)OSStatToNfsStat(&ctxt, directoryPath, &wcc->after.attributes);
+        wcc->after.attributes_follow = FALSE;
+        return TRUE;
     }
 
     // Announced even when they cannot be had; they go out as zeros then.
@@ -123,19 +136,22 @@ bool_t Handle_RMDIR3(CallInfo3* call) {
         return FillRMDIR3FailRes(result, SysErrToNFSErr(beforeErr, true));
     }
     // As REMOVE: a missing name is a success.
-    const BkEndProcPtr child = directory->FindChild(&ctxt, what.name);
+    int err;
+    const BkEndProcPtr child = FindOrMissing(&ctxt, directory, what.name, &err);
+    const std::string path = directoryPath + "/" + what.name;
+    bool failed = !child && err != ENOENT;
     if (child) {
-        const std::string path = directoryPath + "/" + what.name;
-        if (child->RemoveDir(&ctxt, path) == -1) {
-            const int err = errno;
-            OXEL_LOG(-1, "Error: Failed to delete [%s] [%d:%s]", path.c_str(), err, strerror(err));
-            result->status = SysErrToNFSErr(err, true);
-            wcc->before.attributes_follow = TRUE;
-            // Asked twice; the second answer decides, and only what it gives is announced.
-            (void)OSStatToNfsStat(&ctxt, directoryPath, &wcc->after.attributes);
-            FillAfter(&ctxt, directoryPath, &wcc->after);
-            return TRUE;
-        }
+        failed = child->RemoveDir(&ctxt, path) == -1;
+        err = errno;
+    }
+    if (failed) {
+        OXEL_LOG(-1, "Error: Failed to delete [%s] [%d:%s]", path.c_str(), err, strerror(err));
+        result->status = SysErrToNFSErr(err, true);
+        wcc->before.attributes_follow = TRUE;
+        // Asked twice; the second answer decides, and only what it gives is announced.
+        (void)OSStatToNfsStat(&ctxt, directoryPath, &wcc->after.attributes);
+        FillAfter(&ctxt, directoryPath, &wcc->after);
+        return TRUE;
     }
 
     FillAfter(&ctxt, directoryPath, &wcc->after);

@@ -3,6 +3,7 @@
 // The map that outlives the process: its records' form, and when they are written.
 #include "modules/local/inode_map.h"
 
+#include <cerrno>
 #include <cstring>
 #include <mutex>
 
@@ -112,7 +113,10 @@ PlacesBatch::PlacesBatch(InodeMap& map) : map_(map) {
 }
 
 PlacesBatch::~PlacesBatch() {
-    if (--batchDepth == 0) map_.Flush();
+    if (--batchDepth != 0) return;
+    const int error = errno;  // of what was done meanwhile
+    map_.Flush();
+    errno = error;
 }
 
 std::unique_ptr<InodeMap> MakeLastingInodeMap(uint32_t shareId, std::string_view rootBody) {

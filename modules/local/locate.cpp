@@ -142,7 +142,8 @@ bool Locate(ShareRoot& share, int fd, const struct stat& st, std::string_view bo
         location->path = share.FullPath(relative);
         return true;
     }
-    if (ChangeWouldShow(ChangeTime(st))) share.NotFound().insert(key, {ChangeTime(st), NowMs()});
+    if (errno == ENOENT && ChangeWouldShow(ChangeTime(st)))
+        share.NotFound().insert(key, {ChangeTime(st), NowMs()});
     return false;
 }
 
@@ -189,7 +190,8 @@ bool LocateInode(ShareRoot& share, std::string_view body, Location* location) {
         found = lead == Lead::kThere ||
                 (lead == Lead::kNowhere &&
                  SearchTree(share, wanted.inode, isIt, &relative, &location->fd));
-        if (!found) share.NotFound().insert(key, {0, NowMs()});
+        if (lead == Lead::kNowhere && !found && errno == ENOENT)
+            share.NotFound().insert(key, {0, NowMs()});
         // The search may have passed the number's new owner and remembered that one.
         if (!found && fromPlaces() == Lead::kNowhere) share.Places().Remove(wanted.inode);
     }

@@ -169,6 +169,7 @@ class LocalObject final : public BkEndProc, public boost::enable_shared_from_thi
     int ChownSelf(OxelCtxt* ctxt, uid_t uid, gid_t gid);
     int GiveToCaller(OxelCtxt* ctxt);
     bool HasInheritedGroup(const struct stat& st) const;
+    bool StatAbove(struct stat* st) const;
     int SetTimesSelf(OxelCtxt* ctxt, const struct timespec (&times)[2]);
     int TruncateSelf(OxelCtxt* ctxt, uint64_t size);
     int OpenSelf(OxelCtxt* ctxt, int flags);

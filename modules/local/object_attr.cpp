@@ -77,7 +77,8 @@ int LocalObject::ChmodSelf(OxelCtxt* ctxt, mode_t mode) {
     if (fstat(node_->Fd(), &before) != 0) return -1;
     // MKDIR names a mode as mkdir(2) does, and gets the set-group-id bit from the directory above
     // as there. Its caller need not be in the group, and then could not set the bit himself.
-    if (node_->Type() == S_IFDIR && CallState::Get().WasNamed(*node_)) {
+    struct stat above;
+    if (node_->Type() == S_IFDIR && StatAbove(&above) && (above.st_mode & S_ISGID) != 0) {
         mode |= before.st_mode & S_ISGID;
         if ((before.st_mode & 07777) == mode) return 0;
     }
@@ -116,11 +117,17 @@ bool LocalObject::HasInheritedGroup(const struct stat& st) const {
     gid_t group;
     if (CallState::Get().GroupWhenMade(*node_, &group)) return group == st.st_gid;
     // A call that is repeated because its reply was lost finds what the first one made.
+    struct stat above;
+    return StatAbove(&above) && (above.st_mode & S_ISGID) != 0 && above.st_gid == st.st_gid;
+}
+
+// The attributes of the directory in which the running call came to this object by its name. False
+// when it came there otherwise.
+bool LocalObject::StatAbove(struct stat* st) const {
+    if (!CallState::Get().WasNamed(*node_)) return false;
     const size_t slash = std::max<size_t>(path_.rfind('/'), 1);
     const Ptr directory = CallState::Get().ByPath(*share_, path_.substr(0, slash));
-    struct stat above;
-    return directory && fstat(directory->node_->Fd(), &above) == 0 &&
-           (above.st_mode & S_ISGID) != 0 && above.st_gid == st.st_gid;
+    return directory && fstat(directory->node_->Fd(), st) == 0;
 }
 
 int LocalObject::ChownSelf(OxelCtxt* ctxt, uid_t uid, gid_t gid) {

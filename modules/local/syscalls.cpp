@@ -54,9 +54,11 @@ int64_t NowMs() {
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
-void MakeRoomForDescriptors() {
+bool MakeRoomForDescriptors() {
+    const bool any = gFdCache.Count() + ObjectCache::Instance().Count() != 0;
     gFdCache.Clear();
     ObjectCache::Instance().DropHalf();
+    return any;
 }
 
 }  // namespace oxel::local

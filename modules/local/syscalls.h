@@ -52,16 +52,22 @@ inline int64_t ChangeTime(const struct stat& st) {
     return int64_t{st.st_ctim.tv_sec} * 1000000000 + st.st_ctim.tv_nsec;
 }
 
-// Closes what is only kept open to save time. Called when the process is out of descriptors.
-void MakeRoomForDescriptors();
+// Closes what is only kept open to save time, or half of it. Called when the process is out of
+// descriptors. False when there was nothing.
+bool MakeRoomForDescriptors();
 
 // The descriptor that `open` returns; when the process is out of descriptors, room is made and
-// `open` tried once more. Empty with errno on failure.
+// `open` tried again: others may have been quicker to take what was given up. Empty with errno on
+// failure.
 template <typename Open>
 UniqueFd OpenMakingRoom(Open open) {
+    constexpr int kTriesMax = 16;
     int fd = open();
-    if (fd < 0 && (errno == EMFILE || errno == ENFILE)) {
-        MakeRoomForDescriptors();
+    for (int i = 0; i < kTriesMax && fd < 0 && (errno == EMFILE || errno == ENFILE); ++i) {
+        const int error = errno;
+        const bool gaveUp = MakeRoomForDescriptors();
+        errno = error;
+        if (!gaveUp) break;
         fd = open();
     }
     return UniqueFd(fd);

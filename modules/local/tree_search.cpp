@@ -40,6 +40,12 @@ bool SearchTree(ShareRoot& share, uint64_t inode, const std::function<bool(int f
              static_cast<unsigned long long>(inode));
     fd->Reset();
     const PlacesBatch batch(share.Places());
+    // A directory that has been removed meanwhile, or that has another file system mounted on it,
+    // does not make the search less than whole.
+    int cutShort = 0;
+    const auto note = [&](bool opened) {
+        if (!opened && (errno == EMFILE || errno == ENFILE || errno == ENOMEM)) cutShort = errno;
+    };
     std::vector<std::string> pending{""};
     while (!pending.empty()) {
         const std::string path = std::move(pending.back());
@@ -48,6 +54,7 @@ bool SearchTree(ShareRoot& share, uint64_t inode, const std::function<bool(int f
             return OpenAt2(share.Fd(), path.empty() ? "." : path.c_str(),
                            O_RDONLY | O_DIRECTORY | O_NOFOLLOW, kInsideShare);
         });
+        note(static_cast<bool>(directory));
         InodePlace place;
         if (!directory || !BodyOf(share, directory.Get(), &place.parent)) continue;
         DirReader reader(std::move(directory));
@@ -58,6 +65,7 @@ bool SearchTree(ShareRoot& share, uint64_t inode, const std::function<bool(int f
             std::string below = path.empty() ? place.name : path + "/" + place.name;
             if (entry.inode == inode && !*fd) {
                 UniqueFd candidate = OpenInside(reader.Fd(), entry.name);
+                note(static_cast<bool>(candidate));
                 if (candidate && isIt(candidate.Get())) {
                     share.Places().Put(inode, place);
                     *relative = std::move(below);
@@ -73,6 +81,7 @@ bool SearchTree(ShareRoot& share, uint64_t inode, const std::function<bool(int f
             if (isDirectory && below.size() < PATH_MAX) pending.push_back(std::move(below));
         }
     }
+    errno = cutShort != 0 ? cutShort : ENOENT;
     return static_cast<bool>(*fd);
 }
 

@@ -17,8 +17,9 @@ namespace oxel::local {
 // listing the share. The places passed by are remembered while there is room, so that the next
 // objects need no search of their own; for the same reason a search goes on to the end where
 // handles resolve through nothing but places: stopping at the object would halve the first search
-// and make the sum of those that follow, each from the start, quadratic. The caller holds the
-// share's search mutex.
+// and make the sum of those that follow, each from the start, quadratic. False with errno: ENOENT
+// when the whole share was searched, another one when something kept the search from it. The caller
+// holds the share's search mutex.
 bool SearchTree(ShareRoot& share, uint64_t inode, const std::function<bool(int fd)>& isIt,
                 std::string* relative, UniqueFd* fd);
 

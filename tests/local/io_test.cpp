@@ -10,6 +10,7 @@
 #include <climits>
 
 #include "backend/FdCache.h"
+#include "base/unique_fd.h"
 #include "modules/local/object_cache.h"
 #include "tests/local/fixture.h"
 
@@ -207,6 +208,31 @@ TEST_F(Io, KeptDescriptorsGiveWayWhenTheProcessRunsOut) {
     }
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
     EXPECT_EQ(served, 40);
+}
+
+// Handles of inode numbers follow what was moved behind the daemon's back by searching the share;
+// that a search could not look everywhere says nothing about the file.
+TEST_F(Io, AFileThatWasNotFoundForWantOfDescriptorsIsFoundAfterwards) {
+    MakeDir(InShare("d"));
+    WriteFile(InShare("f"), "text");
+    const nfs_fh3 handle = HandleAt("f");
+    ForgetEverything();
+    Restart();
+    Move(InShare("f"), InShare("d/g"));
+    rlimit old;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+    rlimit low = old;
+    low.rlim_cur = static_cast<rlim_t>(CountDescriptors()) + 24;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    std::vector<UniqueFd> fill;
+    do {
+        fill.emplace_back(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0));
+    } while (fill.back());
+    EXPECT_FALSE(Resolve(handle));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
+    const BkEndProcPtr found = Resolve(handle);
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->GetPath(), InShare("d/g"));
 }
 
 }  // namespace

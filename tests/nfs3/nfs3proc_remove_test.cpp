@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // REMOVE and RMDIR.
+#include <cerrno>
+#include <cstring>
+
 #include "tests/nfs3/nfs3proc_directory.h"
 
 using namespace oxel::test;
@@ -46,6 +49,33 @@ TEST_F(Remove, MissingNameSucceedsWithWccData) {
     IsDirectoryBefore(result.resok.dir_wcc.before);
     IsDirectoryAfter(result.resok.dir_wcc.after);
     EXPECT_THAT(Errors(), IsEmpty());
+}
+
+TEST_F(Remove, ANameThatCouldNotBeLookedForIsNotMissing) {
+    for (const int error : {EACCES, EMFILE, EIO}) {
+        call_.ClearCall();
+        EXPECT_CALL(*object_, FindChild).WillOnce(FailWith(error, BkEndProcPtr()));
+        const REMOVE3res& result = Run();
+        EXPECT_EQ(SysErrToNFSErr(error, true), result.status);
+        IsDirectoryBefore(result.resfail.dir_wcc.before);
+        EXPECT_EQ(FALSE, result.resfail.dir_wcc.after.attributes_follow);
+        EXPECT_EQ((LogLine{-1, kFunction,
+                           "Error: Failed unlink [/srv/share/dir/name/new] [" +
+                               std::to_string(error) + ":" + strerror(error) + "]"}),
+                  Errors().back());
+    }
+}
+
+TEST_F(Remove, ABackEndThatGivesNoReasonMeansThatNothingIsThere) {
+    for (const bool zero : {false, true}) {
+        call_.ClearCall();
+        errno = EACCES;
+        EXPECT_CALL(*object_, FindChild).WillOnce([zero](auto&&...) {
+            if (zero) errno = 0;
+            return BkEndProcPtr();
+        });
+        EXPECT_EQ(NFS3_OK, Run().status);
+    }
 }
 
 TEST_F(Remove, AttributesThatCannotBeHadAfterwardsAreAnnouncedAllTheSame) {
@@ -132,6 +162,18 @@ TEST_F(Rmdir, MissingNameSucceedsWithWccData) {
     IsDirectoryBefore(result.resok.dir_wcc.before);
     IsDirectoryAfter(result.resok.dir_wcc.after);
     EXPECT_THAT(Errors(), IsEmpty());
+}
+
+TEST_F(Rmdir, ANameThatCouldNotBeLookedForIsNotMissing) {
+    EXPECT_CALL(*object_, FindChild).WillOnce(FailWith(EACCES, BkEndProcPtr()));
+    EXPECT_CALL(*object_, Stat(_, kPath, _)).Times(3);
+    const RMDIR3res& result = Run();
+    EXPECT_EQ(NFS3ERR_ACCES, result.status);
+    IsDirectoryBefore(result.resfail.dir_wcc.before);
+    IsDirectoryAfter(result.resfail.dir_wcc.after);
+    EXPECT_THAT(Errors(), ElementsAre(LogLine{-1, kFunction,
+                                              "Error: Failed to delete [/srv/share/dir/name/new] "
+                                              "[13:Permission denied]"}));
 }
 
 TEST_F(Rmdir, AttributesThatCannotBeHadAfterwardsAreNotSent) {

@@ -5,6 +5,7 @@
 // too many descriptors.
 #include "bin/oxelService_connection.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
 #include <sys/resource.h>
@@ -19,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "backend/FdCache.h"
 #include "bin/oxelService_transport.h"
 #include "private_root.h"
 #include "rpc_wire.h"
@@ -459,10 +461,49 @@ TEST_IN_CHILD(ConnectionLimits, WithoutDescriptorsClientsAreRefusedAndTheListene
               1u)
         << log.Dump();
 
-    fill.resize(fill.size() - 4);
+    fill.resize(fill.size() - 40);
     RpcClient third = listener.Connect();
     listener.Serve();
     EXPECT_EQ(Connection::Count(), 1u) << "with room again clients are served again";
+}
+
+// A file that cannot be opened for want of a descriptor looks to its client as if it were gone.
+TEST_IN_CHILD(ConnectionLimits, TheLastDescriptorsAreLeftToFiles) {
+    LimitDescriptors(100);
+    ListeningTransport listener;
+    LogCapture log;
+    std::vector<UniqueFd> fill;
+    do {
+        fill.emplace_back(fcntl(listener.fd(), F_DUPFD_CLOEXEC, 3));
+    } while (fill.back().Get() < 73);
+    RpcClient first = listener.Connect();  // is 74
+    listener.Serve();
+    EXPECT_TRUE(first.AtEnd());
+    EXPECT_EQ(Connection::Count(), 0u);
+    EXPECT_EQ(log.AtLevel(-1).size(), 1u) << log.Dump();
+    fill.resize(fill.size() - 2);
+    RpcClient second = listener.Connect();
+    listener.Serve();
+    EXPECT_EQ(Connection::Count(), 1u);
+}
+
+TEST_IN_CHILD(ConnectionLimits, CachedDescriptorsGiveWayToAConnection) {
+    LimitDescriptors(100);
+    ListeningTransport listener;
+    gFdCache.Init(100);
+    int last = 0;
+    for (unsigned i = 0; last < 80; ++i) {
+        UniqueFd file(open("/dev/null", O_RDONLY | O_CLOEXEC));
+        ASSERT_TRUE(file);
+        last = gFdCache.Add(CacheKey{1, i, 0, O_RDONLY, 0, 0, {}}, std::move(file));
+        ASSERT_TRUE(gFdCache.Release(last));
+    }
+    RpcClient client = listener.Connect();
+    listener.Serve();
+    EXPECT_EQ(Connection::Count(), 1u);
+    EXPECT_EQ(gFdCache.Count(), 0u);
+    ASSERT_EQ(ServedDescriptors(listener.fd()).size(), 1u);
+    EXPECT_LT(ServedDescriptors(listener.fd())[0], 75);
 }
 
 TEST_IN_CHILD(ConnectionLimits, AReserveThatWasLostIsTakenAgain) {
@@ -482,7 +523,7 @@ TEST_IN_CHILD(ConnectionLimits, AReserveThatWasLostIsTakenAgain) {
     EXPECT_EQ(Connection::Count(), 0u);
     EXPECT_TRUE(listener.HasWork()) << "it could not even be refused";
     LimitDescriptors(100);
-    fill.resize(fill.size() - 4);
+    fill.resize(fill.size() - 40);
     listener.Serve();  // accepts the first, and has its reserve again
     EXPECT_EQ(Connection::Count(), 1u);
     RpcClient second = listener.Connect();
