@@ -171,6 +171,10 @@ void InodeStore::CloseEnvironment() {
 
 void InodeStore::Settle() noexcept {
     if (environment_ == nullptr) return;
+    {
+        std::lock_guard<std::mutex> commit(commitMutex_);
+        retryAtMs_ = 0;  // the last chance
+    }
     Flush();
     std::lock_guard<std::mutex> commit(commitMutex_);
     if (settled_) return;
