@@ -63,7 +63,8 @@ oxelnfsd serves $directory on port $nfs.
     OXEL_ROOT=$root $ctl -vm $instance status
     tail -f $log
 
-  Change who may mount it in $root/etc/oxelnfsd/$instance.exports, then start it again.
+  Change who may mount it in $root/etc/oxelnfsd/$instance.exports, then
+    OXEL_ROOT=$root $ctl -vm $instance reload
   Unmount with "umount /mnt/demo", and end the server here with Ctrl-C.
 
 TEXT
