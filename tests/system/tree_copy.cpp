@@ -79,17 +79,20 @@ void TreeCopy::CopyContent(const std::string& path, const struct stat& st) {
         if (!Done(written, "write", path) || written == 0) break;
         at += static_cast<size_t>(written);
     }
+    // Whom it belongs to and what may be done with it is set while it is open, which spares the
+    // library the way to it.
+    (void)Done(nfs_fchown(nfs, file, static_cast<int>(st.st_uid), static_cast<int>(st.st_gid)),
+               "chown", path);
+    (void)Done(nfs_fchmod(nfs, file, static_cast<int>(st.st_mode & 07777)), "chmod", path);
     (void)Done(nfs_close(nfs, file), "close", path);
 }
 
 void TreeCopy::CopyAttributes(const std::string& path, const struct stat& st) {
     nfs_context* nfs = client_.Get();
-    (void)Done(
-        nfs_lchown(nfs, path.c_str(), static_cast<int>(st.st_uid), static_cast<int>(st.st_gid)),
-        "chown", path);
-    if (!S_ISLNK(st.st_mode))
-        (void)Done(nfs_chmod(nfs, path.c_str(), static_cast<int>(st.st_mode & 07777)), "chmod",
-                   path);
+    const int uid = static_cast<int>(st.st_uid), gid = static_cast<int>(st.st_gid);
+    const int mode = static_cast<int>(st.st_mode & 07777);
+    if (!S_ISREG(st.st_mode)) (void)Done(nfs_lchown(nfs, path.c_str(), uid, gid), "chown", path);
+    if (S_ISDIR(st.st_mode)) (void)Done(nfs_chmod(nfs, path.c_str(), mode), "chmod", path);
     timeval times[2] = {{st.st_atim.tv_sec, st.st_atim.tv_nsec / 1000},
                         {st.st_mtim.tv_sec, st.st_mtim.tv_nsec / 1000}};
     (void)Done(nfs_lutimes(nfs, path.c_str(), times), "utimes", path);
