@@ -7,6 +7,8 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 namespace oxel::local {
 namespace {
 
@@ -24,5 +26,13 @@ int TakeError(int fd) {
 
 const DiskCalls kRealDisk = {Write, fsync, fdatasync, syncfs, TakeError};
 std::atomic<const DiskCalls*> gDisk{&kRealDisk};
+
+int SyncedOrError(int (*sync)(int), int fd) {
+    int result;
+    do {
+        result = sync(fd);
+    } while (result != 0 && errno == EINTR);
+    return result == 0 ? 0 : errno;
+}
 
 }  // namespace oxel::local

@@ -26,4 +26,7 @@ extern const DiskCalls kRealDisk;
 // Tests put faults here; they outlive every call. Any thread.
 extern std::atomic<const DiskCalls*> gDisk;
 
+// One of the syncs above, begun again after a signal. 0 or an error number.
+int SyncedOrError(int (*sync)(int), int fd);
+
 }  // namespace oxel::local

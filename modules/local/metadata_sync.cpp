@@ -19,15 +19,6 @@
 namespace oxel::local {
 namespace {
 
-// 0 or an error number.
-int Synced(int (*sync)(int), int fd) {
-    int result;
-    do {
-        result = sync(fd);
-    } while (result != 0 && errno == EINTR);
-    return result == 0 ? 0 : errno;
-}
-
 int Answer(int error) {
     if (error == 0) return 0;
     errno = error;
@@ -53,7 +44,7 @@ UniqueFd OpenToSync(const FileNode& node, int flags) {
 // For what cannot be opened or does not sync by itself: symbolic links, devices, a file that
 // another process holds a lease on.
 int SyncAll(ShareRoot& share) {
-    return Answer(Synced(gDisk.load()->syncFileSystem, share.Fd()));
+    return Answer(SyncedOrError(gDisk.load()->syncFileSystem, share.Fd()));
 }
 
 bool CannotSync(int error) {
@@ -64,13 +55,13 @@ bool CannotSync(int error) {
 
 int SyncFile(const FileNode& node, int fd) {
     return Answer(DelayedWrites::Instance().SettleForAll(
-        node, [&] { return Synced(gDisk.load()->syncFile, fd); }));
+        node, [&] { return SyncedOrError(gDisk.load()->syncFile, fd); }));
 }
 
 int SyncDirectory(ShareRoot& share, const FileNode& directory) {
     const UniqueFd fd = OpenToSync(directory, O_DIRECTORY);
     if (!fd) return SyncAll(share);
-    const int error = Synced(gDisk.load()->syncFile, fd.Get());
+    const int error = SyncedOrError(gDisk.load()->syncFile, fd.Get());
     return CannotSync(error) ? SyncAll(share) : Answer(error);
 }
 

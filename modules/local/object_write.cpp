@@ -27,14 +27,6 @@ ssize_t WriteSome(int fd, const void* data, size_t count, off_t offset, int flag
     return -1;
 }
 
-int SyncedOrError(int (*sync)(int), int fd) {
-    int result;
-    do {
-        result = sync(fd);
-    } while (result != 0 && errno == EINTR);
-    return result == 0 ? 0 : errno;
-}
-
 }  // namespace
 
 ssize_t LocalObject::Write(OxelCtxt* ctxt, int fd, const void* data, uint64_t offset,
