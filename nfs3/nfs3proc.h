@@ -48,6 +48,8 @@ nfsstat3 SysErrToNFSErr(int err, bool zeroIsError);
 int OSStatToNfsStat(OxelCtxt* ctxt, const std::string& path, fattr3* out);
 int OSStatToNfsStatLinuxClient(OxelCtxt* ctxt, const std::string& path, fattr3* out);
 int OSStatToWccAttr(OxelCtxt* ctxt, const std::string& path, wcc_attr* out);
+// Announces attributes neither from before nor from after.
+void ClearFollows(wcc_data* wcc);
 // Applies settable attributes: mode, owner, times, size, in this order. With `failOnError` it stops
 // at the first failure with its status; without, it logs failures and returns NFS3_OK.
 // `guardCtime` older than the object's ctime leaves the times alone; null is no guard.

@@ -55,8 +55,7 @@ bool_t Free_GETATTR3(CallInfo3*) {
 
 bool_t FillSETATTR3FailRes(SETATTR3res* result, nfsstat3 status) {
     result->status = status;
-    result->resfail.obj_wcc.before.attributes_follow = FALSE;
-    result->resfail.obj_wcc.after.attributes_follow = FALSE;
+    ClearFollows(&result->resfail.obj_wcc);
     return TRUE;
 }
 

@@ -159,6 +159,11 @@ int OSStatToWccAttr(OxelCtxt* ctxt, const std::string& path, wcc_attr* out) {
     return 0;
 }
 
+void ClearFollows(wcc_data* wcc) {
+    wcc->before.attributes_follow = FALSE;
+    wcc->after.attributes_follow = FALSE;
+}
+
 nfsstat3 ApplySattr(OxelCtxt* ctxt, sattr3* attributes, const std::string& path, ftype3 type,
                     bool failOnError, nfstime3* guardCtime) {
     BkEndProc& object = *ctxt->object;

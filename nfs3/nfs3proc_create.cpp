@@ -23,8 +23,7 @@ constexpr mode_t kDefaultMode = 0x777;
 template <typename Result>
 bool_t FillMadeFailRes(Result* result, nfsstat3 status) {
     result->status = status;
-    result->resfail.dir_wcc.before.attributes_follow = FALSE;
-    result->resfail.dir_wcc.after.attributes_follow = FALSE;
+    ClearFollows(&result->resfail.dir_wcc);
     return TRUE;
 }
 
@@ -201,8 +200,7 @@ bool_t Handle_MKDIR3(CallInfo3* call) {
     if (err != 0)
         OXEL_LOG(-1, "Error: Failed to stat(%s). [%d:%s]", path.c_str(), err, strerror(err));
     resok->obj_attributes.attributes_follow = err == 0;
-    resok->dir_wcc.before.attributes_follow = FALSE;
-    resok->dir_wcc.after.attributes_follow = FALSE;
+    ClearFollows(&resok->dir_wcc);
     return TRUE;
 }
 

@@ -48,8 +48,7 @@ writeverf3 WriteVerifier() {
 template <typename Result>
 bool_t FillFileFailRes(Result* result, nfsstat3 status) {
     result->status = status;
-    result->resfail.file_wcc.before.attributes_follow = FALSE;
-    result->resfail.file_wcc.after.attributes_follow = FALSE;
+    ClearFollows(&result->resfail.file_wcc);
     return TRUE;
 }
 
@@ -255,8 +254,7 @@ bool_t Handle_COMMIT3(CallInfo3* call) {
     if (OSStatToWccAttr(&ctxt, path, &wcc->before.attributes) != 0) {
         // The status stays as it came, NFS3_OK, and so does the verifier: it is 0, which no WRITE
         // has answered, and makes the client send its data again.
-        wcc->before.attributes_follow = FALSE;
-        wcc->after.attributes_follow = FALSE;
+        ClearFollows(wcc);
         return TRUE;
     }
     wcc->before.attributes_follow = TRUE;

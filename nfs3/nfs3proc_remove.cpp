@@ -13,11 +13,6 @@
 
 namespace {
 
-void ClearFollows(wcc_data* wcc) {
-    wcc->before.attributes_follow = FALSE;
-    wcc->after.attributes_follow = FALSE;
-}
-
 // The attributes of the context's object: sent exactly when they can be had.
 void FillAfter(OxelCtxt* ctxt, const std::string& path, post_op_attr* after) {
     after->attributes_follow = OSStatToNfsStat(ctxt, path, &after->attributes) == 0;
