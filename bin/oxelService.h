@@ -26,6 +26,8 @@
             ::oxel::LogWriter::Write((level), (function), __LINE__, __VA_ARGS__); \
     } while (0)
 
+struct CallInfo3;
+
 // One RPC service to start, or one that has started.
 struct RPCServiceArgs {
     using Dispatcher = void (*)(svc_req*, SVCXPRT*);
@@ -67,7 +69,7 @@ extern XoThreadPool gRPCSendPool;  // "OXEL_SEND": replies
 // Both always return true: a missing key has a default.
 bool InitializeNfs3Service();
 bool InitializeMount3Service();
-// Reads whether clients are to be protected from each other.
+// Reads whether clients are to be protected from each other, which decides what carries calls.
 void InitializeHardenedMode();
 // gMaxRPCRecvSize and gMaxRPCSendSize from NFS3_MAXBUF_SIZE.
 void ComputeTransportBufferSizes();
@@ -110,6 +112,8 @@ bool InitializeNFSRPCThreadPool();
 XOTimerErrno ReadRegistryForRPCThreadCnt(void* pool);
 void* HandleNFSRPC(void* record);
 void* SendNFSRPC(void* record);
+// As SendNFSRPC, for a carrier that keeps a connection's replies apart without the share's lock.
+void SendWithoutShareLock(CallInfo3* call);
 // What svc_reg() is given for NFS and for MOUNT.
 RPCServiceArgs::Dispatcher NfsDispatcher();
 RPCServiceArgs::Dispatcher MountDispatcher();

@@ -37,13 +37,32 @@ class Connection {
     // descriptor.
     void Drop();
 
-  private:
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+  protected:
     explicit Connection(SVCXPRT* transport) : transport_(transport) {}
+    virtual ~Connection() = default;
+    // Hangs the guard into its transport, whose operations become `operations`, which must outlive
+    // every transport.
+    void TakeCharge(const TransportOperations* operations);
+    // The connection is over for the receive thread: no reply goes out any more, and the library's
+    // reference is dropped.
+    void End();
+
+    SVCXPRT* Transport() const { return transport_; }
+    int Descriptor() const { return transport_->xp_fd; }
+    bool Dead() const { return dead_.load(std::memory_order_acquire); }
+    // Besides the library's. Exact for the receive thread as an upper bound.
+    uint32_t CallsInFlight() const { return references_.load(std::memory_order_relaxed) - 1; }
+    // What the library itself does with an accepted transport.
+    static const TransportOperations* LibraryOperations() { return libraryOperations_; }
+
+  private:
     static bool_t Reply(SVCXPRT* transport, rpc_msg* message);
     static void Destroy(SVCXPRT* transport);
 
     static std::atomic<uint64_t> count_;
-    static TransportOperations guardedOperations_;
     static const TransportOperations* libraryOperations_;
 
     SVCXPRT* const transport_;
@@ -53,9 +72,3 @@ class Connection {
     // connection are not kept apart by those.
     XoCriticalSection replyLock_;
 };
-
-// Makes a listening transport accept through Accept() below instead of the library's own function.
-void GuardListener(SVCXPRT* listener);
-// Gives a listening transport its own operations back, so that it can be destroyed: the library
-// recognises its listeners by them.
-void UnguardListener(SVCXPRT* listener);

@@ -11,6 +11,7 @@
 #include "bin/oxelService.h"
 #include "bin/oxelService_callinfo.h"
 #include "bin/oxelService_connection.h"
+#include "bin/oxelService_limits.h"
 #include "bin/version.h"
 #include "companion/PellService.h"
 
@@ -51,6 +52,9 @@ static ControlReply Status(const json&) {
                   {"connections", Connection::Count()},
                   {"logLevel", oxel::LogWriter::Level()},
                   {"hardened", gHardened.load()}};
+    if (gHardened)
+        for (const auto& [reason, count] : EndCounts())
+            reply.body["connectionsEnded"][reason] = count;
     return reply;
 }
 

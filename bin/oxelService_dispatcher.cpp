@@ -14,6 +14,7 @@
 #include "base/store.h"
 #include "bin/oxelService.h"
 #include "bin/oxelService_callinfo.h"
+#include "bin/oxelService_carrier.h"
 #include "bin/oxelService_connection.h"
 #include "bin/oxelService_transport.h"
 #include "nfs3/nfs3proc.h"
@@ -41,7 +42,7 @@ enum PerfStage : unsigned {
 
 // The receive thread's: the time between the end of one dispatch and the start of the next.
 thread_local ThrdPerfCounter gPerfCounter;
-bool counterStarted = false;
+thread_local bool counterStarted = false;
 
 }  // namespace
 
@@ -115,12 +116,10 @@ static bool AttachTransport(CallInfo3* call, SVCXPRT* transport) {
         return true;
     }
     PerfCounterWrapper timer("Nfs3Dispatcher", kPerfDuplicate);
-    if (call->transportCopy == nullptr)
-        call->transportCopy = DupSVCXPRT(transport);
-    else if (!DupSVCXPRT(transport, call->transportCopy))
-        return false;
-    call->transport = call->transportCopy;
-    return call->transport != nullptr;
+    SVCXPRT* copy = CarrierInUse().Copy(transport, call->transportCopy);
+    if (copy == nullptr) return false;
+    call->transport = call->transportCopy = copy;
+    return true;
 }
 
 // Gives the record back. A connection's own transport is the library's and stays; a copy is parked.
@@ -211,7 +210,7 @@ static bool Dispatch(CallInfo3* call, svc_req* request, SVCXPRT* transport, bool
     *handedOn = true;  // the record is the handler's from here
     if (!gMultiThreadRPCHandling) {
         HandleNFSRPC(call);
-    } else if (!gWorkerPool.doWork(HandleNFSRPC, call)) {
+    } else if (!CarrierInUse().Handle(call)) {
         *handedOn = false;
         throw std::bad_alloc();
     }
@@ -293,11 +292,11 @@ void* HandleNFSRPC(void* record) {
         return nullptr;
     }
     if (gMultiThreadRPCHandling) {
-        // The sender owns the record from here; without one this thread sends.
-        if (!reply)
+        // The record is not this function's any more once the reply is on its way.
+        if (reply)
+            CarrierInUse().Reply(call);
+        else
             FinalRPCCleanup(call, call->transport);
-        else if (!gRPCSendPool.doWork(SendNFSRPC, call))
-            SendNFSRPC(call);
         return nullptr;
     }
     if (reply)
@@ -306,6 +305,11 @@ void* HandleNFSRPC(void* record) {
         OXEL_LOG(3, "Dispatcher does not want to send a response.");
     FinalRPCCleanup(call, call->transport);
     return nullptr;
+}
+
+void SendWithoutShareLock(CallInfo3* call) {
+    SendReply(call, "void* SendNFSRPC(void*)");
+    FinalRPCCleanup(call, call->transport);
 }
 
 void* SendNFSRPC(void* record) {

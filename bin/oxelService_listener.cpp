@@ -5,7 +5,6 @@
 #include <netconfig.h>
 #include <rpc/rpc.h>
 #include <sys/eventfd.h>
-#include <sys/select.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,8 +18,8 @@
 #include "base/thread.h"
 #include "base/unique_fd.h"
 #include "bin/oxelService.h"
-#include "bin/oxelService_connection.h"
-#include "bin/oxelService_descriptors.h"
+#include "bin/oxelService_carrier.h"
+#include "bin/oxelService_select.h"
 #include "bin/oxelService_transport.h"
 #include "companion/PellService.h"
 
@@ -32,7 +31,6 @@ XoCriticalSection nwSvcStartLock;
 static constexpr uint32_t kServicesInAll = 4;  // NFS 3 and MOUNT 3, 2, 1
 static constexpr int kListenBacklog = 100;
 static constexpr uint32_t kRetryMs = 60000;
-static constexpr int kSelectSeconds = 2;
 static constexpr int kErrorWithoutErrno = 4;
 
 namespace {
@@ -52,8 +50,6 @@ SharedListener& Listener() {
     return listener;
 }
 
-// Keeps the receive loop from accepting while listening transports are made or destroyed elsewhere:
-// a new one must not accept before it is guarded.
 XoCriticalSection gTransportTableLock;
 
 // The receive loop's life, for those who wait for it.
@@ -365,39 +361,32 @@ void SaveServicePort(unsigned int program, unsigned short port) {
         OXEL_LOG(-1, "Error: Failed to save the port under [%s]. [%s]", key, strerror(errno));
 }
 
+int ListeningDescriptor() {
+    return Listener().socket.GetDescriptor();
+}
+
+XoCriticalSection& TransportTableLock() {
+    return gTransportTableLock;
+}
+
+int WakeDescriptor() {
+    return gWakeReceiveLoop.Get();
+}
+
+void ClearWake() {
+    eventfd_t count;
+    (void)eventfd_read(gWakeReceiveLoop.Get(), &count);  // emptied; the loop's condition decides
+}
+
+void PrintPerfStatsIfAsked() {
+    if (!gPrintPerfStats || !gPerfFlag) return;
+    LogAllPerfCounters();
+    gPrintPerfStats = false;
+}
+
 void* svcRun(void*) {
     OXEL_LOG(1, "In SvcRun. This routine calls dispatcher upon receipt of protocol RPCs.");
-    oxel::ReserveLowDescriptors();
-    const int wake = gWakeReceiveLoop.Get();
-    while (OxelServiceGlobals::exitProcess == 0) {
-        fd_set ready;
-        int listener;
-        {
-            XoCriticalSectionGuard lock(gTransportTableLock);
-            ready = svc_fdset;
-            listener = Listener().socket.GetDescriptor();
-        }
-        if (wake >= 0 && wake < FD_SETSIZE) FD_SET(wake, &ready);
-        timeval patience{kSelectSeconds, 0};
-        if (select(FD_SETSIZE, &ready, nullptr, nullptr, &patience) > 0) {
-            if (wake >= 0 && FD_ISSET(wake, &ready)) {
-                eventfd_t count;
-                (void)eventfd_read(wake, &count);  // emptied; the loop's condition decides
-                FD_CLR(wake, &ready);
-            }
-            if (listener >= 0 && listener < FD_SETSIZE && FD_ISSET(listener, &ready)) {
-                XoCriticalSectionGuard lock(gTransportTableLock);
-                svc_getreq_common(listener);
-                FD_CLR(listener, &ready);
-            }
-            // Without the lock: a client in the middle of a record must not hold up a start.
-            svc_getreqset(&ready);
-        }
-        if (gPrintPerfStats && gPerfFlag) {
-            LogAllPerfCounters();
-            gPrintPerfStats = false;
-        }
-    }
+    CarrierInUse().Receive();
     StopPellService();
     OXEL_LOG(1, "Returning from RPC service.");
     gReceiveLoopEnded.set();

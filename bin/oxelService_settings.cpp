@@ -6,6 +6,7 @@
 #include "base/log.h"
 #include "base/store.h"
 #include "bin/oxelService.h"
+#include "bin/oxelService_carrier.h"
 
 static constexpr uint32_t kNfsProgramDefault = 100003;
 static constexpr uint32_t kMountProgram = 100005;
@@ -100,9 +101,16 @@ bool InitializeMount3Service() {
     return true;
 }
 
+static Carrier* gCarrier = nullptr;
+
+Carrier& CarrierInUse() {
+    return gCarrier != nullptr ? *gCarrier : SelectCarrier();
+}
+
 void InitializeHardenedMode() {
     unsigned int value = 0;
     XOPlatformInfo().getNumber("Oxel", "nHardened", &value);
     gHardened = value != 0;
+    gCarrier = gHardened ? &EventCarrier() : &SelectCarrier();
     OXEL_LOG(1, "Hardened mode [%s]", gHardened ? "Enabled" : "Disabled");
 }

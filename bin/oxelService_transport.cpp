@@ -43,6 +43,11 @@ static void CopyCall(const SVCXPRT* source, SVCXPRT* copy) {
     copy->xp_p2 = guard;
 }
 
+static void CopyConnection(const tcp_conn* source, tcp_conn* copy) {
+    copy->strm_stat = source->strm_stat;
+    copy->x_id = source->x_id;
+}
+
 // The verifier's bytes lie on the receive thread's stack; the copy keeps them in its own record.
 static void CopyVerifier(const SVCXPRT* source, SVCXPRT* copy, tcp_conn* connection) {
     const unsigned length = source->xp_verf.oa_length;
@@ -88,6 +93,24 @@ bool DupSVCXPRT(SVCXPRT* source, SVCXPRT* copy) {
     return true;
 }
 
+SVCXPRT* DupWithoutStream(SVCXPRT* source, SVCXPRT* copy) {
+    if (copy == nullptr) {
+        auto* memory = static_cast<TransportCopy*>(calloc(1, sizeof(TransportCopy)));
+        if (memory == nullptr) return nullptr;
+        memory->transport.xp_p1 = calloc(1, sizeof(tcp_conn));
+        if (memory->transport.xp_p1 == nullptr) {
+            free(memory);
+            return nullptr;
+        }
+        copy = &memory->transport;
+    }
+    auto* connection = static_cast<tcp_conn*>(copy->xp_p1);
+    CopyConnection(static_cast<const tcp_conn*>(source->xp_p1), connection);
+    CopyCall(source, copy);
+    CopyVerifier(source, copy, connection);
+    return copy;
+}
+
 tcp_conn* DupTcpCon(tcp_conn* source, SVCXPRT* owner) {
     if (source == nullptr) return nullptr;
     auto* copy = static_cast<tcp_conn*>(calloc(1, sizeof(tcp_conn)));
@@ -100,8 +123,7 @@ tcp_conn* DupTcpCon(tcp_conn* source, SVCXPRT* owner) {
 }
 
 bool DupTcpCon(tcp_conn* source, SVCXPRT* owner, tcp_conn* copy) {
-    copy->strm_stat = source->strm_stat;
-    copy->x_id = source->x_id;
+    CopyConnection(source, copy);
     return copy->xdrs.x_ops != nullptr || CreateStream(owner, copy);
 }
 

@@ -24,6 +24,9 @@ struct tcp_conn {
 SVCXPRT* DupSVCXPRT(SVCXPRT* source);
 // Arms an existing copy for another call, keeping its stream. Whether it has a stream (memory).
 bool DupSVCXPRT(SVCXPRT* source, SVCXPRT* copy);
+// A copy without a stream, for transports whose replies are not encoded into one: `copy` armed for
+// another call, or a new one when it is null. Null when memory is short.
+SVCXPRT* DupWithoutStream(SVCXPRT* source, SVCXPRT* copy);
 tcp_conn* DupTcpCon(tcp_conn* source, SVCXPRT* owner);
 bool DupTcpCon(tcp_conn* source, SVCXPRT* owner, tcp_conn* copy);
 

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "backend/FdCache.h"
+#include "bin/oxelService_select.h"
 #include "bin/oxelService_transport.h"
 #include "private_root.h"
 #include "rpc_wire.h"

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Which thread receives. The one that leads reads calls and handles the quick ones itself, so that
+// most calls see one thread only. When it is held up in one of them (by a disk that does not
+// answer, say) the thread that watches it takes its place within a few milliseconds, and the others
+// are served on.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+
+#include "base/sync.h"
+
+class Leadership {
+  public:
+    // Leads until it is over (true), or until Finish() has said that another thread leads (false).
+    using Lead = std::function<bool()>;
+    // Has `lead` run on one thread at a time, first on the calling one. Others, at most
+    // `threadsMost` in all, are made when they are needed; they end by themselves. Returns when
+    // `lead` is over; this object, and what `lead` uses, must outlive AllEnded().
+    void Run(Lead lead, unsigned threadsMost);
+    // Whether every thread but the one that called Run() has ended.
+    bool AllEnded();
+
+    // Around work that may take long; by the thread that leads. What the leader has written before
+    // is seen by whoever takes its place.
+    uint64_t Begin();
+    // False: the place was taken meanwhile.
+    bool Finish(uint64_t work);
+
+  private:
+    void Member(bool leads);
+    // Waits until the leader is held up and takes its place; false when it is over.
+    bool Watch();
+    void StartWatcherIfNone();
+    void SayOver();
+
+    Lead lead_;
+    unsigned threadsMost_ = 0;
+
+    // Odd while the leader is at a piece of work, a number of its own for each piece.
+    std::atomic<uint64_t> work_{0};
+    std::atomic<bool> watcherSleeps_{false};
+    std::atomic<bool> over_{false};
+    XoEvent wakeWatcher_;
+
+    std::mutex mutex_;
+    // Guarded by mutex_.
+    std::condition_variable changed_;
+    bool watched_ = false;
+    unsigned waiting_ = 0;  // threads that would watch
+    unsigned threads_ = 0;  // besides the one that called Run()
+};

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The limits' settings, and the account of ended connections.
+#include "bin/oxelService_limits.h"
+
+#include <algorithm>
+#include <atomic>
+#include <ctime>
+
+#include "backend/OxelServiceGlobals.h"
+#include "base/log.h"
+#include "base/store.h"
+
+ClientLimits ClientLimits::FromSettings() {
+    static constexpr size_t kHeaderBytes = 8 << 10;
+    static constexpr size_t kFragmentBytes = 256;
+    ClientLimits limits;
+    XOPlatformInfo store;
+    const auto read = [&store](const char* key, auto* value, unsigned unit) {
+        unsigned number = 0;
+        if (store.getNumber("Oxel", key, &number) && number != 0)
+            *value = static_cast<std::remove_pointer_t<decltype(value)>>(number) * unit;
+    };
+    read("nMaxConnections", &limits.connections, 1);
+    read("nMaxConnectionsPerAddress", &limits.connectionsPerAddress, 1);
+    read("nRecordSeconds", &limits.recordSeconds, 1);
+    read("nIdleSeconds", &limits.idleSeconds, 1);
+    read("nSendSeconds", &limits.sendSeconds, 1);
+    read("nMaxBufferedMB", &limits.bufferedBytes, 1u << 20);
+    limits.record.bytes = NFS3_MAXBUF_SIZE + kHeaderBytes;
+    limits.record.fragments =
+        std::max(limits.record.fragments, static_cast<unsigned>(NFS3_MAXBUF_SIZE / kFragmentBytes));
+    return limits;
+}
+
+namespace {
+
+constexpr unsigned kLinesAMinute = 10;
+constexpr time_t kMinute = 60;
+
+struct Account {
+    const char* name;
+    std::atomic<uint64_t> count{0};
+    // Of the thread that counts.
+    unsigned lines = 0;
+    uint64_t unsaid = 0;
+    std::string text;
+};
+
+// In the order of EndReason.
+Account gAccounts[kEndReasons] = {
+    {"byClient"},    {"recordTooLarge"},  {"tooManyFragments"}, {"recordTimeout"}, {"idle"},
+    {"sendTimeout"}, {"connectionLimit"}, {"addressLimit"},     {"bufferLimit"},   {"notACall"},
+};
+
+time_t gMinuteBegan = 0;
+
+time_t Seconds() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return now.tv_sec;
+}
+
+}  // namespace
+
+void CountEnd(EndReason reason, const std::string& address, const std::string& text) {
+    SumEndsUp();
+    Account& account = gAccounts[static_cast<unsigned>(reason)];
+    account.count.fetch_add(1, std::memory_order_relaxed);
+    if (reason == EndReason::kByClient) {
+        OXEL_LOG(3, "The client at [%s] has ended its connection.", address.c_str());
+    } else if (account.lines < kLinesAMinute) {
+        ++account.lines;
+        OXEL_LOG(-1, "Ended the connection of [%s]: %s.", address.c_str(), text.c_str());
+    } else {
+        ++account.unsaid;
+        account.text = text;
+    }
+}
+
+void SumEndsUp() {
+    const time_t now = Seconds();
+    if (now - gMinuteBegan < kMinute) return;
+    gMinuteBegan = now;
+    for (Account& account : gAccounts) {
+        if (account.unsaid != 0)
+            OXEL_LOG(-1, "%llu more connections were ended because %s.",
+                     static_cast<unsigned long long>(account.unsaid), account.text.c_str());
+        account.lines = 0;
+        account.unsaid = 0;
+    }
+}
+
+std::array<std::pair<const char*, uint64_t>, kEndReasons> EndCounts() {
+    std::array<std::pair<const char*, uint64_t>, kEndReasons> counts;
+    for (size_t i = 0; i < kEndReasons; ++i)
+        counts[i] = {gAccounts[i].name, gAccounts[i].count.load(std::memory_order_relaxed)};
+    return counts;
+}
