@@ -62,7 +62,9 @@ void EventLoop::Run() {
 bool EventLoop::Lead() {
     now_ = CoarseSeconds();
     if (EventConnection* interrupted = std::exchange(current_, nullptr)) {
-        // The thread that led before is held up in a call of this one.
+        // The thread that led before is held up in a call of this one. Others of the kind would
+        // hold up one thread after the other until that call ends.
+        pace_.LearnLong(handled_);
         interrupted->Flush();
         MakeReady(interrupted);
     }
@@ -203,7 +205,8 @@ bool EventLoop::ServeRecords(EventConnection* connection) {
 }
 
 bool EventLoop::Handle(CallInfo3* call) {
-    if (pace_.IsQuick(CallPace::KindOf(call))) {
+    // The last thread that can receive handles nothing: all the others are held up already.
+    if (leadership_.Watched() && pace_.IsQuick(CallPace::KindOf(call))) {
         decoded_ = call;  // once the library is done with the record
         return true;
     }
@@ -211,13 +214,13 @@ bool EventLoop::Handle(CallInfo3* call) {
 }
 
 bool EventLoop::HandleHere(CallInfo3* call) {
-    const CallPace::Kind kind = CallPace::KindOf(call);
+    handled_ = CallPace::KindOf(call);
     const uint64_t began = oxel::MonotonicNanoseconds();
     const uint64_t work = leadership_.Begin();
     HandleNFSRPC(call);
-    const bool leads = leadership_.Finish(work);
-    pace_.Learn(kind, oxel::MonotonicNanoseconds() - began);
-    return leads;
+    if (!leadership_.Finish(work)) return false;
+    pace_.Learn(handled_, oxel::MonotonicNanoseconds() - began);
+    return true;
 }
 
 // The one loop of the process, whose members' storage is never freed.

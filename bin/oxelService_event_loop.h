@@ -69,6 +69,7 @@ class EventLoop {
     std::deque<EventConnection*> paused_;  // for a call record, or for memory
     EventConnection* current_ = nullptr;   // whose turn it is
     CallInfo3* decoded_ = nullptr;         // to be handled here
+    CallPace::Kind handled_{};             // what is handled here now
     uint64_t buffered_ = 0;                // bytes of large records that are not whole
     int64_t now_ = 0;                      // seconds
 

@@ -265,6 +265,41 @@ TEST(Leadership, ThreadsAreAsManyAsAreHeldUpAndNoMoreThanTheBound) {
     EXPECT_EQ(led.Threads(), kThreads);
 }
 
+// Who leads with nobody behind it is told, and must not be held up.
+TEST(Leadership, IsWatchedAsLongAsAThreadIsLeft) {
+    constexpr unsigned kThreads = 3;
+    Led led;
+    std::atomic<unsigned> leaders{0};
+    XoEvent goOn(true);
+    led.leadership.Run(
+        [&] {
+            const unsigned mine = ++leaders;
+            EXPECT_EQ(led.leadership.Watched(), mine < kThreads) << mine;
+            if (mine == kThreads) {
+                // Those that come back watch again.
+                goOn.set();
+                Eventually([&] { return led.leadership.Watched(); });
+                return true;
+            }
+            const uint64_t work = led.leadership.Begin();
+            goOn.wait();
+            EXPECT_FALSE(led.leadership.Finish(work));
+            return false;
+        },
+        kThreads);
+    EXPECT_EQ(leaders, kThreads);
+}
+
+TEST(Leadership, OfOneThreadIsNotWatched) {
+    Led led;
+    led.leadership.Run(
+        [&] {
+            EXPECT_FALSE(led.leadership.Watched());
+            return true;
+        },
+        1);
+}
+
 TEST(Leadership, RunReturnsWhenItIsOverThoughItsThreadDoesNotLead) {
     Led led;
     const std::thread::id caller = std::this_thread::get_id();
