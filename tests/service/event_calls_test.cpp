@@ -205,6 +205,17 @@ TEST_IN_CHILD(EventCalls, ARecordThatIsNoCallEndsItsConnectionOnly) {
     }
 }
 
+TEST_IN_CHILD(EventCalls, AreAnsweredBeforeARecordThatIsNoneEndsTheConnection) {
+    HardenedServices services;
+    for (int round = 0; round < 20; ++round) {
+        RpcClient client = services.Connect();
+        client.Send(NfsService::Null(1).Bytes() + NfsService::Null(2).Bytes() + Word(0x80000004u) +
+                    "oops");
+        EXPECT_EQ(Replies(client, 2).size(), 2u);
+        EXPECT_TRUE(client.AtEnd());
+    }
+}
+
 TEST_IN_CHILD(EventCalls, OfOneSegmentWithTheEndBehindThemAreAnswered) {
     HardenedServices services;
     for (int round = 0; round < 20; ++round) {
