@@ -55,7 +55,11 @@ void EventLoop::Run() {
             OXEL_LOG(-1, "Error: Descriptor [%d] cannot be watched. [%m]", fd);
     };
     watch(WakeDescriptor(), nullptr);
-    watch(ListeningDescriptor(), this);
+    {
+        XoCriticalSectionGuard lock(TransportTableLock());
+        const int listener = ListeningDescriptor();
+        if (listener >= 0) watch(listener, this);  // else a start that failed has closed it
+    }
     leadership_.Run([this] { return Lead(); }, gWorkerPool.maxCount() + 2);
 }
 
@@ -83,6 +87,8 @@ bool EventLoop::Lead() {
                 ClearWake();
             } else if (who == this) {
                 AcceptWaiting(ListeningDescriptor(), SOCK_NONBLOCK,
+                // A start that fails may close the socket.
+                XoCriticalSectionGuard lock(TransportTableLock());
                               [this](oxel::UniqueFd socket) { Adopt(std::move(socket)); });
             } else if (!OnEvent(static_cast<EventConnection*>(who), events[i].events)) {
                 return false;
