@@ -147,6 +147,8 @@ bool EventLoop::Turn(EventConnection* connection) {
     }
     connection->Drop();
     return leads;
+    // Who leads now may wait for the call record that this thread has given back.
+    if (!leads && somePaused_) WakeReceiveLoop();
 }
 
 bool EventLoop::ServeRecords(EventConnection* connection) {

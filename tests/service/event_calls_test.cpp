@@ -352,6 +352,41 @@ TEST_IN_CHILD(EventCalls, ThatWaitForACallRecordGetOne) {
     }
 }
 
+// A thread that was held up and lost its place gives its call's record back like any other.
+TEST_IN_CHILD(EventCalls, GetTheCallRecordOfOneThatHeldItsThreadUp) {
+    MockShare share;
+    // Each caller has a gate of its own.
+    XoEvent gates[3] = {XoEvent(true), XoEvent(true), XoEvent(true)};
+    gates[0].set();
+    std::atomic<unsigned> waiting{0};
+    share.onStat = [&](OxelCtxt* ctxt) {
+        ++waiting;
+        gates[ctxt->id.uid].wait();
+    };
+    HardenedServices services("nMaxNFSRPCThread = 1\n");
+    EXPECT_TRUE(services.Answers());
+    std::vector<RpcClient> clients;
+    const auto call = [&](uint32_t uid) {
+        clients.push_back(services.Connect());
+        RpcCall getattr = NfsService::Getattr(1);
+        clients.back().Send(getattr.WithUnix(uid));
+    };
+    call(1);  // taken for a quick one
+    Eventually([&] { return waiting == 1; });
+    call(2);  // the only handler thread's
+    Eventually([&] { return waiting == 2; });
+    for (int i = 0; i < 3; ++i) call(2);  // wait for that thread
+    Eventually([] { return gCallInfoPool.Free() == 0; });
+    RpcClient waits = services.Connect();
+    waits.Send(oxel::test::GetattrOf(20, 0, 5));
+    // Makes it likely, no more, that it waits for a record by now.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    gates[1].set();
+    EXPECT_EQ(waits.Expect().xid, 5u);
+    gates[2].set();
+    for (RpcClient& client : clients) EXPECT_EQ(client.Expect().xid, 1u);
+}
+
 TEST_IN_CHILD(EventCalls, AClientThatDoesNotReadIsPausedAndServedOnWhenItReads) {
     MockShare share;
     ServeReads(share);
