@@ -311,6 +311,7 @@ void EventLoop::End(EventConnection* connection, EndReason reason, const std::st
 }
 
 void EventLoop::Poll(EventConnection* connection, uint32_t events) {
+    connection->input.Discard();
     if (connection->events == events) return;
     connection->events = events;
     epoll_event event{};

@@ -120,7 +120,13 @@ RecordReader::Filled RecordReader::Fill(int fd) {
 }
 
 void RecordReader::Rest() {
-    if (!buffer_ || Begun()) return;
+    if (buffer_ && !Begun()) Discard();
+}
+
+void RecordReader::Discard() {
     next_ = end_ = 0;
-    pool_.Give(std::move(buffer_));
+    payloadBytes_ = fragmentBytes_ = 0;
+    fragments_ = 0;
+    whole_ = false;
+    if (buffer_) pool_.Give(std::move(buffer_));
 }

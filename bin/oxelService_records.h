@@ -56,6 +56,9 @@ class RecordReader {
 
     // Gives the buffer back when there is nothing in it.
     void Rest();
+    // Gives the buffer back whatever is in it: nothing more is read. The pool is not for the thread
+    // that destroys the reader.
+    void Discard();
     // Whether a record has begun and is not whole.
     bool Begun() const { return end_ != next_ || fragments_ != 0; }
     // Which record is under way: 1 is the first.

@@ -528,6 +528,25 @@ TEST(RecordBuffers, AreKeptWhileARecordIsUnderWay) {
     }
 }
 
+TEST(RecordBuffers, AreGivenBackWhateverIsInThemWhenNothingMoreIsRead) {
+    for (const std::string& bytes :
+         {Mark(kLast | 100) + "half", Mark(50) + Payload(50) + Mark(kLast), Whole("unread"),
+          std::string("\1")}) {
+        Reading reading;
+        reading.Send(bytes);
+        ASSERT_EQ(reading.reader.Look(), Found::kPartial);
+        ASSERT_EQ(reading.reader.Fill(reading.server.Get()), Filled::kAll);
+        (void)reading.reader.Look();
+        gBuffersMade = 0;
+        reading.reader.Discard();
+        EXPECT_FALSE(reading.reader.Begun());
+        EXPECT_EQ(reading.reader.BytesExpected(), 0u);
+        const BufferPool::Buffer other = reading.pool.Take();
+        EXPECT_EQ(gBuffersMade, 0u);
+        reading.reader.Discard();
+    }
+}
+
 TEST(RecordBuffers, AreGivenBackByAReaderThatGoes) {
     BufferPool pool(kBounds.bytes);
     gBuffersMade = 0;
