@@ -72,7 +72,6 @@ bool EventLoop::Lead() {
         interrupted->Flush();
         MakeReady(interrupted);
     }
-    int64_t swept = now_;
     while (OxelServiceGlobals::exitProcess == 0) {
         Resume();
         epoll_event events[kEventsAtOnce];
@@ -101,8 +100,8 @@ bool EventLoop::Lead() {
             if (!Turn(next)) return false;
         }
         PrintPerfStatsIfAsked();
-        if (now_ != swept) {
-            swept = now_;
+        if (now_ != swept_) {
+            swept_ = now_;
             Sweep();
         }
     }
@@ -425,8 +424,9 @@ void EventLoop::SweepOne(EventConnection* connection) {
             End(connection, EndReason::kRecordTimeout,
                 "a record was not complete after " + std::to_string(limits_.recordSeconds) + " s");
         }
-    } else if (connection->CallsInFlight() == 0 &&
-               lasts(connection->activeSince, limits_.idleSeconds)) {
+    } else if (connection->CallsInFlight() != 0) {
+        connection->activeSince = now_;
+    } else if (lasts(connection->activeSince, limits_.idleSeconds)) {
         End(connection, EndReason::kIdle, "idle" + after(limits_.idleSeconds));
     }
 }

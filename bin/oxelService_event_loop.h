@@ -74,6 +74,7 @@ class EventLoop {
     int64_t now_ = 0;                      // seconds
 
     Leadership leadership_;
+    int64_t swept_ = 0;                    // when Sweep() was last called
     CallPace pace_;
 
     std::atomic<bool> somePaused_{false};  // handler threads wake the loop then
