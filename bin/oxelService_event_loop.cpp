@@ -34,6 +34,8 @@ constexpr unsigned kTurnReads = 4;
 constexpr size_t kFlushBytes = 64 << 10;
 // Records up to this size are not counted: connections are.
 constexpr size_t kSmallRecordBytes = 16 << 10;
+// Nor are buffers that were used for such only.
+constexpr size_t kSmallBufferBytes = 24 << 10;
 
 int64_t CoarseSeconds() {
     timespec now;
@@ -85,9 +87,9 @@ bool EventLoop::Lead() {
             if (who == nullptr) {
                 ClearWake();
             } else if (who == this) {
-                AcceptWaiting(ListeningDescriptor(), SOCK_NONBLOCK,
                 // A start that fails may close the socket.
                 XoCriticalSectionGuard lock(TransportTableLock());
+                AcceptWaiting(ListeningDescriptor(), SOCK_NONBLOCK,
                               [this](oxel::UniqueFd socket) { Adopt(std::move(socket)); });
             } else if (!OnEvent(static_cast<EventConnection*>(who), events[i].events)) {
                 return false;
@@ -141,13 +143,13 @@ bool EventLoop::Turn(EventConnection* connection) {
     connection->Flush();
     if (leads) {
         current_ = nullptr;
-        CountBuffered(connection, connection->input.Begun() ? connection->bufferedBytes : 0);
         connection->input.Rest();
+        CountHeld(connection);
     }
     connection->Drop();
-    return leads;
     // Who leads now may wait for the call record that this thread has given back.
     if (!leads && somePaused_) WakeReceiveLoop();
+    return leads;
 }
 
 bool EventLoop::ServeRecords(EventConnection* connection) {
@@ -173,7 +175,10 @@ bool EventLoop::ServeRecords(EventConnection* connection) {
                     PauseFor(Pause::kForMemory, connection);
                     return true;
                 }
-                switch (input.Fill(connection->Descriptor())) {
+                switch (
+                    input.Fill(connection->Descriptor(), BufferedTooMuch(limits_.record.bytes)
+                                                             ? RecordReader::Guess::kSmall
+                                                             : RecordReader::Guess::kLikeTheLast)) {
                     case RecordReader::Filled::kEnd:
                         EndedByClient(connection);
                         return true;
@@ -306,11 +311,11 @@ void EventLoop::End(EventConnection* connection, EndReason reason, const std::st
     CountBuffered(connection, 0);
     const auto address = perAddress_.find(connection->AddressKey());
     if (--address->second == 0) perAddress_.erase(address);
+    connection->input.Discard();
     connection->End();
 }
 
 void EventLoop::Poll(EventConnection* connection, uint32_t events) {
-    connection->input.Discard();
     if (connection->events == events) return;
     connection->events = events;
     epoll_event event{};
@@ -398,6 +403,16 @@ void EventLoop::CountBuffered(EventConnection* connection, uint64_t bytes) {
     connection->bufferedBytes = bytes;
 }
 
+// What a connection keeps until its next turn: its record under way, be it whole by now, and the
+// buffer that this is in.
+void EventLoop::CountHeld(EventConnection* connection) {
+    const size_t held = connection->input.BytesHeld();
+    if (held == 0)
+        CountBuffered(connection, 0);
+    else if (held > kSmallBufferBytes)
+        CountBuffered(connection, std::max<uint64_t>(connection->bufferedBytes, held));
+}
+
 void EventLoop::Sweep() {
     for (size_t i = connections_.size(); i > 0; --i) SweepOne(connections_[i - 1]);
     const bool forMemory = std::any_of(paused_.begin(), paused_.end(), [](auto* connection) {
@@ -431,16 +446,33 @@ void EventLoop::SweepOne(EventConnection* connection) {
     }
 }
 
+// Since when a connection has held memory without a sign of life.
+static int64_t StalledSince(const EventConnection* connection) {
+    if (connection->pause == Pause::kForClient) return connection->blockedSince;
+    const bool stalls = connection->pause == Pause::kNone && connection->bufferedBytes != 0 &&
+                        connection->recordNumber == connection->input.Number();
+    return stalls ? connection->recordSince : INT64_MAX;
+}
+
+// Since when a connection has held memory and waited for more.
+static int64_t HeldSince(const EventConnection* connection) {
+    const bool holds = connection->pause == Pause::kForMemory && connection->bufferedBytes != 0;
+    return holds ? connection->activeSince : INT64_MAX;
+}
+
+// Whether all memory is held by those who wait for more: nobody else will give any back.
+bool EventLoop::AllHoldersWait() const {
+    uint64_t held = 0;
+    for (const EventConnection* connection : connections_)
+        if (connection->pause == Pause::kForMemory) held += connection->bufferedBytes;
+    return held == buffered_ + ReplyQueue::BytesBlocked();
+}
+
 // Memory is short: it is taken from those who have held theirs longest without a sign of life.
 void EventLoop::EndLongestStalled() {
     static constexpr int64_t kStalledSeconds = 2;
-    const auto since = [](const EventConnection* connection) -> int64_t {
-        if (connection->pause == Pause::kForClient) return connection->blockedSince;
-        const bool stalls = connection->pause == Pause::kNone && connection->bufferedBytes != 0 &&
-                            connection->recordNumber == connection->input.Number();
-        return stalls ? connection->recordSince : INT64_MAX;
-    };
     do {
+        const auto since = AllHoldersWait() ? HeldSince : StalledSince;
         const auto oldest =
             std::min_element(connections_.begin(), connections_.end(),
                              [&](auto* one, auto* other) { return since(one) < since(other); });

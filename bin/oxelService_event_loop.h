@@ -55,9 +55,11 @@ class EventLoop {
     // Whether the record under way may be read on; counts its bytes then.
     bool HasMemory(EventConnection* connection);
     void CountBuffered(EventConnection* connection, uint64_t bytes);
+    void CountHeld(EventConnection* connection);
     bool BufferedTooMuch(uint64_t more) const;
     void Sweep();
     void SweepOne(EventConnection* connection);
+    bool AllHoldersWait() const;
     void EndLongestStalled();
 
     ClientLimits limits_;
@@ -72,9 +74,9 @@ class EventLoop {
     CallPace::Kind handled_{};             // what is handled here now
     uint64_t buffered_ = 0;                // bytes of large records that are not whole
     int64_t now_ = 0;                      // seconds
+    int64_t swept_ = 0;                    // when Sweep() was last called
 
     Leadership leadership_;
-    int64_t swept_ = 0;                    // when Sweep() was last called
     CallPace pace_;
 
     std::atomic<bool> somePaused_{false};  // handler threads wake the loop then

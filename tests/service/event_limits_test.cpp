@@ -242,3 +242,92 @@ TEST_IN_CHILD(EventLimits, AClientThatDoesNotTakeItsRepliesIsEnded) {
     EXPECT_EQ(bounded.Ended(EndReason::kSendTimeout), 1u);
     Eventually([] { return ReplyQueue::BytesBlocked() == 0; });
 }
+
+TEST_IN_CHILD(EventLimits, LargeRecordsBeyondTheMemoryWaitUntilStalledOnesAreEnded) {
+    Bounded bounded("nMaxBufferedMB = 1\nnRecordSeconds = 100000\n");
+    std::vector<RpcClient> stalled;
+    for (int i = 0; i < 3; ++i) {
+        stalled.push_back(bounded.InARecord(Word(kLast | 270000) + "b"));
+        stalled.back().Send("egun");  // the rest is made room for now
+        bounded.Settle();
+        bounded.Pass(1);
+    }
+    RpcClient waits = HardenedServices::Connect();
+    std::thread sends([&] { waits.Send(Record(LongNull(270000, 5))); });
+    bounded.Settle();
+    EXPECT_EQ(bounded.Ended(EndReason::kBufferLimit), 0u) << "small calls are served meanwhile";
+    Eventually([&] {
+        bounded.Pass(1);
+        return bounded.Ended(EndReason::kBufferLimit) != 0;
+    });
+    EXPECT_EQ(waits.Expect().xid, 5u);
+    sends.join();
+    EXPECT_EQ(bounded.Ended(EndReason::kBufferLimit), 1u) << "no more than it takes";
+    EXPECT_TRUE(stalled[0].AtEnd()) << "who has stalled longest";
+    stalled[2].Send(LongNull(270000, 6).substr(5));
+    stalled.clear();
+    bounded.Settle();
+}
+
+// Records whose later fragments ask for more memory than there is, each holding some already.
+TEST_IN_CHILD(EventLimits, RecordsThatWaitForEachOthersMemoryDoNotWaitForEver) {
+    Bounded bounded("nMaxBufferedMB = 1\nnRecordSeconds = 100000\n");
+    constexpr size_t kFirst = 200000, kSecond = 70000;
+    const std::string call = LongNull(kFirst + kSecond);
+    std::vector<RpcClient> clients;
+    for (int i = 0; i < 5; ++i) {
+        clients.push_back(bounded.InARecord(Word(kFirst) + call.substr(0, 1)));
+        clients.back().Send(call.substr(1, kFirst - 2));
+        bounded.Settle();
+    }
+    for (RpcClient& client : clients) {
+        client.Send(call.substr(kFirst - 1, 1) + Word(kLast | kSecond) + "x");
+        bounded.Settle();
+    }
+    for (RpcClient& client : clients) {
+        client.Send(call.substr(kFirst + 1, 10));
+        bounded.Settle();
+    }
+    RpcClient waits = HardenedServices::Connect();
+    std::thread sends([&] { waits.Send(Record(LongNull(270000, 5))); });
+    // One after the other is ended, until there is room.
+    Eventually([&] {
+        bounded.Pass(1);
+        return !waits.Silent();
+    });
+    EXPECT_EQ(waits.Expect().xid, 5u);
+    sends.join();
+}
+
+// A buffer that a large record was in takes its memory, whatever little there is in it now.
+TEST_IN_CHILD(EventLimits, BuffersOfLargeRecordsCountAsLongAsTheyAreHeld) {
+    Bounded bounded("nMaxBufferedMB = 1\nnRecordSeconds = 100000\n");
+    std::vector<RpcClient> clients;
+    for (int i = 0; i < 5; ++i) {
+        clients.push_back(HardenedServices::Connect());
+        for (uint32_t xid = 1; xid <= 2; ++xid) {
+            clients.back().Send(Record(LongNull(200000, xid)));
+            EXPECT_EQ(clients.back().Expect().xid, xid);
+        }
+        clients.back().Send("\x80");  // of another record
+        bounded.Settle();
+    }
+    RpcClient waits = HardenedServices::Connect();
+    std::thread sends([&] { waits.Send(Record(LongNull(200000, 5))); });
+    Eventually([&] {
+        bounded.Pass(1);
+        return !waits.Silent();
+    });
+    EXPECT_EQ(waits.Expect().xid, 5u);
+    sends.join();
+    EXPECT_GE(bounded.Ended(EndReason::kBufferLimit), 1u);
+    EXPECT_LT(bounded.Ended(EndReason::kBufferLimit), 5u) << "no more than it takes";
+}
+
+TEST_IN_CHILD(EventLimits, ARecordThatIsLargerThanTheMemoryIsServedAllTheSame) {
+    Bounded bounded("nMaxBufferedMB = 1\nnMaxBufSize = 2048\n");
+    RpcClient client = HardenedServices::Connect();
+    std::thread sends([&] { client.Send(Record(LongNull(2 << 20, 5))); });
+    EXPECT_EQ(client.Expect().xid, 5u);
+    sends.join();
+}

@@ -87,6 +87,12 @@ TEST_F(Limits, OfMemoryMayBeMoreThan4GiB) {
     EXPECT_EQ(Read("nMaxBufferedMB = 0xffffffff\n").bufferedBytes, 0xffffffffull << 20);
 }
 
+TEST_F(Limits, OfMemoryLeaveRoomForOneRecordAtLeast) {
+    NFS3_MAXBUF_SIZE = 16 << 20;
+    const ClientLimits limits = Read("nMaxBufferedMB = 1\n");
+    EXPECT_EQ(limits.bufferedBytes, limits.record.bytes);
+}
+
 TEST_F(Limits, OfRecordsFollowTheTransferSize) {
     NFS3_MAXBUF_SIZE = 256 << 10;
     EXPECT_EQ(Read("").record.bytes, (256u << 10) + (8u << 10));
