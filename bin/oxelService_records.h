@@ -27,6 +27,8 @@ class BufferPool {
     size_t BufferBytes() const { return bufferBytes_; }
     // Null when memory is short.
     Buffer Take();
+    // One that takes no memory yet.
+    Buffer Make() const;
     void Give(Buffer buffer);
 
   private:
@@ -61,6 +63,8 @@ class RecordReader {
 
     // Gives the buffer back when there is nothing in it.
     void Rest();
+    // Gives the buffer back for one that takes less memory, when there is little in it.
+    void Shrink();
     // Gives the buffer back whatever is in it: nothing more is read. The pool is not for the thread
     // that destroys the reader.
     void Discard();

@@ -554,6 +554,47 @@ TEST(RecordBuffers, AreKeptWhileARecordIsUnderWay) {
     }
 }
 
+TEST(RecordBuffers, AreChangedForSmallOnesWhereLittleIsInThem) {
+    const std::string call = Whole(Payload(400, 5));
+    const std::string fragments = InFragments({Payload(30, 6), Payload(5, 7), Payload(9, 8)});
+    for (const std::string& next : {call, fragments}) {
+        for (size_t cut = 1; cut <= next.size(); ++cut) {
+            Reading reading;
+            reading.SendAndTake(Whole(Payload(100000)));
+            // The next one is whole by the last cut, and is looked at before it is moved.
+            reading.Send(next.substr(0, cut));
+            ASSERT_EQ(reading.reader.Look(), Found::kPartial);
+            ASSERT_EQ(reading.reader.Fill(reading.server.Get()), Filled::kAll);
+            (void)reading.reader.Look();
+            EXPECT_GT(reading.reader.BytesHeld(), 100000u);
+            reading.reader.Shrink();
+            EXPECT_LE(reading.reader.BytesHeld(), next.size());
+            reading.SendAndTake(next.substr(cut) + Whole(Payload(200000, 2)));
+            ASSERT_EQ(reading.records.size(), 3u) << cut;
+            EXPECT_EQ(reading.records[1], next == call
+                                              ? Payload(400, 5)
+                                              : Payload(30, 6) + Payload(5, 7) + Payload(9, 8));
+            EXPECT_TRUE(reading.records[2] == Payload(200000, 2));
+        }
+    }
+}
+
+TEST(RecordBuffers, AreNotChangedWhereThereIsMoreInThemOrNoMemory) {
+    Reading reading;
+    reading.reader.Shrink();
+    reading.SendAndTake(Whole(Payload(100000)) + Mark(kLast | 9000) + Payload(8000));
+    gBuffersMade = 0;
+    reading.reader.Shrink();
+    EXPECT_EQ(gBuffersMade, 0u);
+    reading.SendAndTake(Payload(1000) + Mark(kLast | 4) + "ab");
+    gMemoryIsShort = true;
+    reading.reader.Shrink();
+    gMemoryIsShort = false;
+    reading.SendAndTake("cd");
+    EXPECT_EQ(reading.records.size(), 3u);
+    EXPECT_EQ(reading.records.back(), "abcd");
+}
+
 TEST(RecordBuffers, AreGivenBackWhateverIsInThemWhenNothingMoreIsRead) {
     for (const std::string& bytes :
          {Mark(kLast | 100) + "half", Mark(50) + Payload(50) + Mark(kLast), Whole("unread"),
