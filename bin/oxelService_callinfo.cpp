@@ -82,10 +82,12 @@ void CallInfo3::Reset() noexcept {
     exportPtr.reset();
     replyBytes = 0;
     ZeroCall();
+    clear_ = true;
 }
 
 void CallInfo3::ClearCall() {
-    ZeroCall();
+    if (!clear_) ZeroCall();
+    clear_ = false;
     FitArgumentArea();
 }
 

@@ -132,6 +132,7 @@ struct CallInfo3 {
     uint64_t argumentBytes_ = 0;
     char* readBuffer_ = nullptr;
     uint64_t readBufferBytes_ = 0;
+    bool clear_ = false;  // nothing has touched the areas since Reset()
     char machineName_[256] = {};
 };
 
