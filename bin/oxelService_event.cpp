@@ -4,12 +4,15 @@
 // queue, and never touches the socket.
 #include "bin/oxelService_event.h"
 
+#include <arpa/inet.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <new>
 
+#include "backend/OxelServiceGlobals.h"
 #include "bin/oxelService_event_loop.h"
 #include "bin/oxelService_transport.h"
 #include "net/CLuIPAddr.h"
@@ -38,9 +41,17 @@ EventConnection* EventConnection::Guard(SVCXPRT* transport, EventLoop& loop,
     }
 }
 
-bool EventConnection::Dispatch() {
+void EventConnection::Dispatch() {
     svc_getreq_common(Descriptor());
-    return !notACall_;
+}
+
+bool EventConnection::IsMountCall() {
+    // | xid | CALL | RPC version | program | (RFC 5531 section 9)
+    static constexpr size_t kProgramAt = 12;
+    uint32_t program;
+    if (input.RecordBytes() < kProgramAt + sizeof program) return false;
+    memcpy(&program, input.Record() + kProgramAt, sizeof program);
+    return ntohl(program) == OxelServiceGlobals::mountProgram;
 }
 
 bool_t EventConnection::Receive(SVCXPRT* transport, rpc_msg* message) {

@@ -26,8 +26,13 @@ class EventConnection : public Connection {
         return static_cast<EventConnection*>(Connection::Of(transport));
     }
 
-    // Has the library dispatch the record that `input` has found. False when it was no call.
-    bool Dispatch();
+    // Has the library dispatch the record that `input` has found. By one thread at a time, which
+    // may be another one while `elsewhere` is set.
+    void Dispatch();
+    // Whether what Dispatch() was given last was no call.
+    bool WasNoCall() const { return notACall_; }
+    // Whether the record that `input` has found is for MOUNT.
+    bool IsMountCall();
     // Sends what is queued. Any thread that has a reference.
     void Flush();
     using Connection::CallsInFlight;
@@ -49,6 +54,7 @@ class EventConnection : public Connection {
         kForClient,  // it does not take its replies
     };
     Pause pause = Pause::kNone;
+    bool elsewhere = false;      // its record is being dispatched on another thread
     bool ready = false;          // has its turn without being polled
     uint32_t events = 0;         // that the socket is polled for
     uint64_t recordNumber = 0;   // that recordSince is about

@@ -6,7 +6,6 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <ctime>
 #include <utility>
 
@@ -18,7 +17,6 @@
 #include "bin/oxelService_callinfo.h"
 #include "bin/oxelService_carrier.h"
 #include "bin/oxelService_transport.h"
-#include "net/CLuIPAddr.h"
 
 using Pause = EventConnection::Pause;
 
@@ -32,8 +30,6 @@ constexpr size_t kTurnBytes = 256 << 10;
 constexpr unsigned kTurnReads = 4;
 // Replies that go out before the turn ends.
 constexpr size_t kFlushBytes = 64 << 10;
-// Records up to this size are not counted: connections are.
-constexpr size_t kSmallRecordBytes = 16 << 10;
 
 int64_t CoarseSeconds() {
     timespec now;
@@ -42,6 +38,12 @@ int64_t CoarseSeconds() {
 }
 
 }  // namespace
+
+// The one loop of the process, which is never destroyed.
+static EventLoop& Loop() {
+    static auto* loop = new EventLoop;
+    return *loop;
+}
 
 void EventLoop::Run() {
     limits_ = ClientLimits::FromSettings();
@@ -116,7 +118,7 @@ bool EventLoop::OnEvent(EventConnection* connection, uint32_t events) {
         }
         return true;
     }
-    if (connection->pause != Pause::kNone) {
+    if (connection->pause != Pause::kNone || connection->elsewhere) {
         if ((events & (EPOLLERR | EPOLLHUP)) != 0)
             EndedByClient(connection);
         else
@@ -134,6 +136,8 @@ bool EventLoop::Turn(EventConnection* connection) {
     connection->Flush();
     if (leads) {
         current_ = nullptr;
+    }
+    if (leads && !connection->elsewhere) {
         CountBuffered(connection, connection->input.Begun() ? connection->bufferedBytes : 0);
         connection->input.Rest();
     }
@@ -142,6 +146,7 @@ bool EventLoop::Turn(EventConnection* connection) {
 }
 
 bool EventLoop::ServeRecords(EventConnection* connection) {
+    if (connection->elsewhere) return true;
     RecordReader& input = connection->input;
     unsigned calls = 0, reads = 0;
     size_t bytes = 0;
@@ -190,16 +195,51 @@ bool EventLoop::ServeRecords(EventConnection* connection) {
             PauseFor(Pause::kForRecord, connection);
             return true;
         }
+        if (connection->IsMountCall()) {
+            DispatchThere(connection);
+            return true;
+        }
         bytes += input.RecordBytes();
-        const bool wasCall = connection->Dispatch();
+        connection->Dispatch();
         input.Consume();
-        if (!wasCall) {
-            End(connection, EndReason::kNotACall, "what it sent is no call");
+        if (connection->WasNoCall()) {
+            EndNoCall(connection);
             return true;
         }
         if (decoded_ != nullptr && !HandleHere(std::exchange(decoded_, nullptr))) return false;
         if (connection->replies.Queued() >= kFlushBytes) connection->Flush();
     }
+}
+
+// MOUNT calls share one record, and MNT waits for the disk: it brings the registry there.
+void EventLoop::DispatchThere(EventConnection* connection) {
+    connection->elsewhere = true;
+    mounts_.push_back(connection);
+    if (!mountUnderWay_) DispatchNextMount();
+}
+
+void EventLoop::DispatchNextMount() {
+    if (mounts_.empty()) return;
+    EventConnection* connection = mounts_.front();
+    mounts_.pop_front();
+    connection->AddCall();
+    mountUnderWay_ = true;
+    // Without a handler thread it is done here; Resume() finds it.
+    if (!gWorkerPool.doWork(DispatchMount, connection)) DispatchMount(connection);
+}
+
+// On a handler thread.
+void* EventLoop::DispatchMount(void* record) {
+    auto* connection = static_cast<EventConnection*>(record);
+    connection->Dispatch();
+    connection->Flush();
+    EventLoop& loop = Loop();
+    {
+        std::lock_guard<std::mutex> lock(loop.mutex_);
+        loop.dispatched_.push_back(connection);
+    }
+    WakeReceiveLoop();
+    return nullptr;
 }
 
 bool EventLoop::Handle(CallInfo3* call) {
@@ -220,12 +260,6 @@ bool EventLoop::HandleHere(CallInfo3* call) {
     return leads;
 }
 
-// The one loop of the process, whose members' storage is never freed.
-static EventLoop& Loop() {
-    static auto* loop = new EventLoop;
-    return *loop;
-}
-
 // On a handler thread.
 void* EventLoop::HandleThere(void* record) {
     auto* call = static_cast<CallInfo3*>(record);
@@ -241,62 +275,6 @@ void* EventLoop::HandleThere(void* record) {
     return nullptr;
 }
 
-void EventLoop::Adopt(oxel::UniqueFd socket) {
-    sockaddr_storage peer{};
-    socklen_t length = sizeof peer;
-    if (getpeername(socket.Get(), reinterpret_cast<sockaddr*>(&peer), &length) != 0) return;
-    const CLuIPAddr address(reinterpret_cast<sockaddr*>(&peer), length);
-    std::array<unsigned char, 16> key;
-    std::copy_n(XOIPAddr(address).bytes(), key.size(), key.begin());
-    const auto known = perAddress_.find(key);
-
-    if (Connection::Count() >= limits_.connections) {
-        CountEnd(EndReason::kConnectionLimit, address.GetAddressString(),
-                 "more than " + std::to_string(limits_.connections) + " connections");
-        return;
-    }
-    if (known != perAddress_.end() && known->second >= limits_.connectionsPerAddress) {
-        CountEnd(EndReason::kAddressLimit, address.GetAddressString(),
-                 "more than " + std::to_string(limits_.connectionsPerAddress) +
-                     " connections from this address");
-        return;
-    }
-    // The library's own buffers are never used.
-    static constexpr unsigned kLibraryBufferBytes = 4096;
-    SVCXPRT* transport = MakeTransport(std::move(socket), kLibraryBufferBytes, kLibraryBufferBytes);
-    if (transport == nullptr) return;
-    EventConnection* connection =
-        EventConnection::Guard(transport, *this, limits_.record, *buffers_);
-    if (connection == nullptr) {
-        SVC_DESTROY(transport);
-        return;
-    }
-    ++perAddress_[key];
-    connection->place = connections_.size();
-    connections_.push_back(connection);
-    connection->activeSince = now_;
-    connection->events = EPOLLIN;
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.ptr = connection;
-    if (epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, connection->Descriptor(), &event) != 0)
-        End(connection, EndReason::kConnectionLimit, "it cannot be watched");
-}
-
-void EventLoop::End(EventConnection* connection, EndReason reason, const std::string& text) {
-    CountEnd(reason, connection->Address(), text);
-    (void)epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, connection->Descriptor(), nullptr);
-    if (connection->ready) std::erase(ready_, connection);
-    if (connection->pause != Pause::kNone) std::erase(paused_, connection);
-    connections_[connection->place] = connections_.back();
-    connections_[connection->place]->place = connection->place;
-    connections_.pop_back();
-    CountBuffered(connection, 0);
-    const auto address = perAddress_.find(connection->AddressKey());
-    if (--address->second == 0) perAddress_.erase(address);
-    connection->End();
-}
-
 void EventLoop::Poll(EventConnection* connection, uint32_t events) {
     if (connection->events == events) return;
     connection->events = events;
@@ -304,136 +282,6 @@ void EventLoop::Poll(EventConnection* connection, uint32_t events) {
     event.events = events;
     event.data.ptr = connection;
     (void)epoll_ctl(epoll_.Get(), EPOLL_CTL_MOD, connection->Descriptor(), &event);
-}
-
-void EventLoop::MakeReady(EventConnection* connection) {
-    connection->pause = Pause::kNone;
-    connection->recordNumber = 0;  // its time does not run while the daemon makes it wait
-    Poll(connection, EPOLLIN);
-    if (connection->ready) return;
-    connection->ready = true;
-    ready_.push_back(connection);
-}
-
-void EventLoop::PauseFor(Pause reason, EventConnection* connection) {
-    connection->pause = reason;
-    paused_.push_back(connection);
-    // Before Resume() looks: a handler thread that gives a record back after that sees it.
-    somePaused_ = true;
-}
-
-void EventLoop::WaitForClient(EventConnection* connection) {
-    connection->AddCall();
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        blocked_.push_back(connection);
-    }
-    WakeReceiveLoop();
-}
-
-void EventLoop::Resume() {
-    std::vector<EventConnection*> blocked;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        blocked.swap(blocked_);
-    }
-    for (EventConnection* connection : blocked) {
-        if (!connection->Ended()) {
-            if (connection->ready) std::erase(ready_, connection);
-            if (connection->pause != Pause::kNone) std::erase(paused_, connection);
-            connection->ready = false;
-            connection->pause = Pause::kForClient;
-            connection->blockedSince = now_;
-            Poll(connection, EPOLLOUT);
-        }
-        connection->Drop();
-    }
-    for (size_t left = paused_.size(); left > 0; --left) {
-        EventConnection* connection = paused_.front();
-        paused_.pop_front();
-        const bool goesOn = connection->pause == Pause::kForRecord ? HasCallRecord(connection)
-                                                                   : HasMemory(connection);
-        if (goesOn)
-            MakeReady(connection);
-        else
-            paused_.push_back(connection);
-    }
-    if (paused_.empty()) somePaused_ = false;
-}
-
-// A connection may have as many calls under way as records are left for the others: whoever has
-// many gets no more until those who have few have theirs.
-bool EventLoop::HasCallRecord(const EventConnection* connection) const {
-    const uint32_t own = connection == current_ ? 1 : 0;  // the turn's own reference
-    return connection->CallsInFlight() - own < gCallInfoPool.Free();
-}
-
-bool EventLoop::BufferedTooMuch(uint64_t more) const {
-    return buffered_ + ReplyQueue::BytesBlocked() + more > limits_.bufferedBytes;
-}
-
-bool EventLoop::HasMemory(EventConnection* connection) {
-    const uint64_t expected = connection->input.BytesExpected();
-    if (expected <= kSmallRecordBytes || expected <= connection->bufferedBytes) return true;
-    if (BufferedTooMuch(expected - connection->bufferedBytes)) return false;
-    CountBuffered(connection, expected);
-    return true;
-}
-
-void EventLoop::CountBuffered(EventConnection* connection, uint64_t bytes) {
-    buffered_ += bytes - connection->bufferedBytes;
-    connection->bufferedBytes = bytes;
-}
-
-void EventLoop::Sweep() {
-    for (size_t i = connections_.size(); i > 0; --i) SweepOne(connections_[i - 1]);
-    const bool forMemory = std::any_of(paused_.begin(), paused_.end(), [](auto* connection) {
-        return connection->pause == Pause::kForMemory;
-    });
-    if (forMemory || BufferedTooMuch(0)) EndLongestStalled();
-    SumEndsUp();
-}
-
-void EventLoop::SweepOne(EventConnection* connection) {
-    const auto lasts = [this](int64_t since, uint32_t seconds) { return now_ - since >= seconds; };
-    const auto after = [](uint32_t seconds) { return " for " + std::to_string(seconds) + " s"; };
-    if (connection->pause == Pause::kForClient) {
-        if (lasts(connection->blockedSince, limits_.sendSeconds))
-            End(connection, EndReason::kSendTimeout,
-                "replies were not taken" + after(limits_.sendSeconds));
-    } else if (connection->pause != Pause::kNone || connection->ready) {
-        // It waits for the daemon.
-    } else if (connection->input.Begun()) {
-        if (connection->recordNumber != connection->input.Number()) {
-            connection->recordNumber = connection->input.Number();
-            connection->recordSince = now_;
-        } else if (lasts(connection->recordSince, limits_.recordSeconds)) {
-            End(connection, EndReason::kRecordTimeout,
-                "a record was not complete after " + std::to_string(limits_.recordSeconds) + " s");
-        }
-    } else if (connection->CallsInFlight() == 0 &&
-               lasts(connection->activeSince, limits_.idleSeconds)) {
-        End(connection, EndReason::kIdle, "idle" + after(limits_.idleSeconds));
-    }
-}
-
-// Memory is short: it is taken from those who have held theirs longest without a sign of life.
-void EventLoop::EndLongestStalled() {
-    static constexpr int64_t kStalledSeconds = 2;
-    const auto since = [](const EventConnection* connection) -> int64_t {
-        if (connection->pause == Pause::kForClient) return connection->blockedSince;
-        const bool stalls = connection->pause == Pause::kNone && connection->bufferedBytes != 0 &&
-                            connection->recordNumber == connection->input.Number();
-        return stalls ? connection->recordSince : INT64_MAX;
-    };
-    do {
-        const auto oldest =
-            std::min_element(connections_.begin(), connections_.end(),
-                             [&](auto* one, auto* other) { return since(one) < since(other); });
-        if (oldest == connections_.end() || since(*oldest) > now_ - kStalledSeconds) return;
-        End(*oldest, EndReason::kBufferLimit,
-            "more than " + std::to_string(limits_.bufferedBytes >> 20) + " MiB are buffered");
-    } while (BufferedTooMuch(limits_.record.bytes));
 }
 
 namespace {

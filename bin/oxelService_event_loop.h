@@ -42,10 +42,17 @@ class EventLoop {
     bool ServeRecords(EventConnection* connection);
     bool HandleHere(CallInfo3* call);
     static void* HandleThere(void* record);
+    // Has the connection's record, a MOUNT call, dispatched on a handler thread, after those that
+    // came before it.
+    void DispatchThere(EventConnection* connection);
+    void DispatchNextMount();
+    static void* DispatchMount(void* connection);
+    void CameBack(EventConnection* connection);
 
     void Adopt(oxel::UniqueFd socket);
     void End(EventConnection* connection, EndReason reason, const std::string& text);
     void EndedByClient(EventConnection* connection) { End(connection, EndReason::kByClient, ""); }
+    void EndNoCall(EventConnection* connection);
     void Poll(EventConnection* connection, uint32_t events);
     void MakeReady(EventConnection* connection);
     void PauseFor(EventConnection::Pause reason, EventConnection* connection);
@@ -67,15 +74,19 @@ class EventLoop {
     std::map<std::array<unsigned char, 16>, uint32_t> perAddress_;
     std::deque<EventConnection*> ready_;
     std::deque<EventConnection*> paused_;  // for a call record, or for memory
-    EventConnection* current_ = nullptr;   // whose turn it is
-    CallInfo3* decoded_ = nullptr;         // to be handled here
-    uint64_t buffered_ = 0;                // bytes of large records that are not whole
-    int64_t now_ = 0;                      // seconds
+    std::deque<EventConnection*> mounts_;  // whose MOUNT calls wait for those before them
+    bool mountUnderWay_ = false;
+    EventConnection* current_ = nullptr;  // whose turn it is
+    CallInfo3* decoded_ = nullptr;        // to be handled here
+    uint64_t buffered_ = 0;               // bytes of large records that are not whole
+    int64_t now_ = 0;                     // seconds
 
     Leadership leadership_;
     CallPace pace_;
 
     std::atomic<bool> somePaused_{false};  // handler threads wake the loop then
     std::mutex mutex_;
-    std::vector<EventConnection*> blocked_;  // guarded by mutex_; each with a reference
+    // Guarded by mutex_; each with a reference.
+    std::vector<EventConnection*> blocked_;     // whose clients do not take their replies
+    std::vector<EventConnection*> dispatched_;  // whose MOUNT call is done
 };

@@ -42,10 +42,6 @@ void BufferPool::Give(Buffer buffer) {
     if (kept_.size() < keptMax_) kept_.push_back(std::move(buffer));
 }
 
-RecordReader::~RecordReader() {
-    if (buffer_) pool_.Give(std::move(buffer_));
-}
-
 bool RecordReader::Mark(uint32_t* mark) const {
     if (Unread() < kMarkBytes) return false;
     memcpy(mark, buffer_.get() + next_, kMarkBytes);
@@ -120,7 +116,10 @@ RecordReader::Filled RecordReader::Fill(int fd) {
 }
 
 void RecordReader::Rest() {
-    if (!buffer_ || Begun()) return;
+    if (!Begun()) Stop();
+}
+
+void RecordReader::Stop() {
     next_ = end_ = 0;
-    pool_.Give(std::move(buffer_));
+    if (buffer_) pool_.Give(std::move(buffer_));
 }

@@ -32,12 +32,12 @@ class BufferPool {
     std::vector<Buffer> kept_;
 };
 
-// Not thread-safe. Has a buffer only while there are bytes that no record was made of.
+// Not thread-safe. Has a buffer only while there are bytes that no record was made of. One that is
+// destroyed frees its buffer, since that may happen on any thread; the pool is one thread's.
 class RecordReader {
   public:
     // The pool outlives the reader.
     RecordReader(const RecordBounds& bounds, BufferPool& pool) : bounds_(bounds), pool_(pool) {}
-    ~RecordReader();
     RecordReader(const RecordReader&) = delete;
     RecordReader& operator=(const RecordReader&) = delete;
 
@@ -56,6 +56,8 @@ class RecordReader {
 
     // Gives the buffer back when there is nothing in it.
     void Rest();
+    // Gives the buffer back, whatever is in it: nothing more is read.
+    void Stop();
     // Whether a record has begun and is not whole.
     bool Begun() const { return end_ != next_ || fragments_ != 0; }
     // Which record is under way: 1 is the first.
