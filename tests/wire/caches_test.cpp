@@ -141,7 +141,7 @@ TEST_P(CacheSizes, ALargeOneKeepsWhatItMay) {
     ReadAndWriteThousands(static_cast<size_t>(files_) / 3 * 2);
 }
 
-OXEL_BOTH_MODES(CacheSizes);
+OXEL_ALL_MODES(CacheSizes);
 
 TEST_P(Caches, UncommittedFilesAreKeptOpenUntilTheyAreCommitted) {
     Start("oxelFdCacheSize = 4\n");
@@ -353,11 +353,11 @@ TEST_P(Behind, RightsThatAreTakenAwayAreGoneAtOnce) {
     }
 }
 
-OXEL_BOTH_MODES(Behind);
+OXEL_ALL_MODES(Behind);
 
 // A file that somebody removes on this machine gives its blocks back although no call comes.
 TEST_P(Caches, WhatNobodyUsesIsClosed) {
-    if (GetParam() == Threads::kOne) GTEST_SKIP() << "a timer of its own does it in either mode";
+    if (GetParam() == Mode::kOneThread) GTEST_SKIP() << "a timer of its own does it in either mode";
     Start("");
     const size_t before = CountOpen().all;
     for (int i = 0; i < 50; ++i) (void)NewFile(Name(i), "x");
@@ -365,7 +365,7 @@ TEST_P(Caches, WhatNobodyUsesIsClosed) {
     EXPECT_LE(CountOpen().all, before);
 }
 
-OXEL_BOTH_MODES(Caches);
+OXEL_ALL_MODES(Caches);
 
 }  // namespace
 }  // namespace oxel::test

@@ -358,7 +358,7 @@ TEST_F(Lifecycle, StatusTellsTheRunningDaemon) {
     EXPECT_EQ(status["records"]["inUse"], 0);
     EXPECT_EQ(status["connections"], 1);
     EXPECT_EQ(status["logLevel"], 1);
-    EXPECT_EQ(status["hardened"], false);
+    EXPECT_EQ(status["hardened"], HardenedRun());
     EXPECT_TRUE(status["uptimeSeconds"].is_number());
     EXPECT_TRUE(status["version"].is_string());
 }
