@@ -82,7 +82,7 @@ void EventLoop::Sweep() {
     const bool forMemory = std::any_of(paused_.begin(), paused_.end(), [](auto* connection) {
         return connection->pause == Pause::kForMemory;
     });
-    if (forMemory || BufferedTooMuch(0)) EndLongestStalled();
+    if (forMemory || BufferedTooMuch(0)) EndStalled();
     SumEndsUp();
 }
 
@@ -109,22 +109,20 @@ void EventLoop::SweepOne(EventConnection* connection) {
     }
 }
 
-// Memory is short: it is taken from those who have held theirs longest without a sign of life.
-void EventLoop::EndLongestStalled() {
-    static constexpr int64_t kStalledSeconds = 2;
-    const auto since = [](const EventConnection* connection) -> int64_t {
-        if (connection->pause == Pause::kForClient) return connection->blockedSince;
-        const bool stalls = connection->pause == Pause::kNone && !connection->elsewhere &&
-                            connection->bufferedBytes != 0 &&
-                            connection->recordNumber == connection->input.Number();
-        return stalls ? connection->recordSince : INT64_MAX;
+// Memory is short: it is taken from those who have held theirs without a sign of life.
+void EventLoop::EndStalled() {
+    static constexpr int64_t kStalledSeconds = 1;
+    const auto stalls = [this](const EventConnection* connection) {
+        const int64_t longAgo = now_ - kStalledSeconds;
+        if (connection->pause == Pause::kForClient) return connection->blockedSince <= longAgo;
+        return connection->pause == Pause::kNone && !connection->elsewhere &&
+               connection->bufferedBytes != 0 &&
+               connection->recordNumber == connection->input.Number() &&
+               connection->recordSince <= longAgo;
     };
-    do {
-        const auto oldest =
-            std::min_element(connections_.begin(), connections_.end(),
-                             [&](auto* one, auto* other) { return since(one) < since(other); });
-        if (oldest == connections_.end() || since(*oldest) > now_ - kStalledSeconds) return;
-        End(*oldest, EndReason::kBufferLimit,
-            "more than " + std::to_string(limits_.bufferedBytes >> 20) + " MiB are buffered");
-    } while (BufferedTooMuch(limits_.record.bytes));
+    for (size_t i = connections_.size(); i > 0; --i) {
+        if (stalls(connections_[i - 1]))
+            End(connections_[i - 1], EndReason::kBufferLimit,
+                "more than " + std::to_string(limits_.bufferedBytes >> 20) + " MiB are buffered");
+    }
 }

@@ -65,7 +65,7 @@ class EventLoop {
     bool BufferedTooMuch(uint64_t more) const;
     void Sweep();
     void SweepOne(EventConnection* connection);
-    void EndLongestStalled();
+    void EndStalled();
 
     ClientLimits limits_;
     std::unique_ptr<BufferPool> buffers_;
