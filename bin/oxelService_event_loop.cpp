@@ -27,6 +27,7 @@ constexpr int kSweepMs = 1000;
 // What a connection may do before it is the others' turn.
 constexpr unsigned kTurnCalls = 16;
 constexpr size_t kTurnBytes = 256 << 10;
+constexpr uint64_t kTurnNanoseconds = 500'000;
 constexpr unsigned kTurnReads = 4;
 // Replies that go out before the turn ends.
 constexpr size_t kFlushBytes = 64 << 10;
@@ -131,6 +132,7 @@ bool EventLoop::OnEvent(EventConnection* connection, uint32_t events) {
 bool EventLoop::Turn(EventConnection* connection) {
     connection->activeSince = now_;
     current_ = connection;
+    handled_ = 0;
     connection->AddCall();  // another thread that leads may end it
     const bool leads = ServeRecords(connection);
     connection->Flush();
@@ -142,6 +144,8 @@ bool EventLoop::Turn(EventConnection* connection) {
         connection->input.Rest();
     }
     connection->Drop();
+    // The record of the call that took so long is free again.
+    if (!leads && somePaused_) WakeReceiveLoop();
     return leads;
 }
 
@@ -187,11 +191,11 @@ bool EventLoop::ServeRecords(EventConnection* connection) {
                 break;
         }
         if (connection->replies.Blocked()) return true;  // Resume() pauses it
-        if (calls++ == kTurnCalls || bytes >= kTurnBytes) {
+        if (calls++ == kTurnCalls || bytes >= kTurnBytes || handled_ >= kTurnNanoseconds) {
             MakeReady(connection);
             return true;
         }
-        if (!HasCallRecord(connection)) {
+        if (!HasCallRecord(connection, gCallInfoPool.Free())) {
             PauseFor(Pause::kForRecord, connection);
             return true;
         }
@@ -256,7 +260,9 @@ bool EventLoop::HandleHere(CallInfo3* call) {
     const uint64_t work = leadership_.Begin();
     HandleNFSRPC(call);
     const bool leads = leadership_.Finish(work);
-    pace_.Learn(kind, oxel::MonotonicNanoseconds() - began);
+    const uint64_t took = oxel::MonotonicNanoseconds() - began;
+    pace_.Learn(kind, took);
+    if (leads) handled_ += took;
     return leads;
 }
 

@@ -58,7 +58,8 @@ class EventLoop {
     void PauseFor(EventConnection::Pause reason, EventConnection* connection);
     // Gives those a turn again that have what they were paused for.
     void Resume();
-    bool HasCallRecord(const EventConnection* connection) const;
+    // Whether a connection may have one of that many free call records.
+    bool HasCallRecord(const EventConnection* connection, size_t free) const;
     // Whether the record under way may be read on; counts its bytes then.
     bool HasMemory(EventConnection* connection);
     void CountBuffered(EventConnection* connection, uint64_t bytes);
@@ -78,6 +79,7 @@ class EventLoop {
     bool mountUnderWay_ = false;
     EventConnection* current_ = nullptr;  // whose turn it is
     CallInfo3* decoded_ = nullptr;        // to be handled here
+    uint64_t handled_ = 0;                // nanoseconds that calls have taken in this turn
     uint64_t buffered_ = 0;               // bytes of large records that are not whole
     int64_t now_ = 0;                     // seconds
 

@@ -78,24 +78,29 @@ void EventLoop::Resume() {
         }
         connection->Drop();
     }
+    if (paused_.empty()) {
+        if (somePaused_.load(std::memory_order_relaxed)) somePaused_ = false;
+        return;
+    }
+    size_t free = gCallInfoPool.Free();
     for (size_t left = paused_.size(); left > 0; --left) {
         EventConnection* connection = paused_.front();
         paused_.pop_front();
-        const bool goesOn = connection->pause == Pause::kForRecord ? HasCallRecord(connection)
-                                                                   : HasMemory(connection);
-        if (goesOn)
+        const bool forRecord = connection->pause == Pause::kForRecord;
+        if (forRecord ? HasCallRecord(connection, free) : HasMemory(connection)) {
             MakeReady(connection);
-        else
+            if (forRecord) --free;
+        } else {
             paused_.push_back(connection);
+        }
     }
-    if (paused_.empty()) somePaused_ = false;
 }
 
 // A connection may have as many calls under way as records are left for the others: whoever has
 // many gets no more until those who have few have theirs.
-bool EventLoop::HasCallRecord(const EventConnection* connection) const {
+bool EventLoop::HasCallRecord(const EventConnection* connection, size_t free) const {
     const uint32_t own = connection == current_ ? 1 : 0;  // the turn's own reference
-    return connection->CallsInFlight() - own < gCallInfoPool.Free();
+    return connection->CallsInFlight() - own < free;
 }
 
 bool EventLoop::BufferedTooMuch(uint64_t more) const {
