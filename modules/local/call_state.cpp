@@ -4,6 +4,7 @@
 #include "modules/local/call_state.h"
 
 #include "modules/local/object.h"
+#include "modules/local/syscalls.h"
 
 namespace oxel::local {
 
@@ -31,6 +32,7 @@ void CallState::Resolved(const boost::shared_ptr<LocalObject>& object, const str
             if (slot.node != 0) slot = Slot{};
         }
         resolving_ = true;
+        changed_ = false;
         next_ = 0;
     }
     Fill(&slots_[next_], object, st);
@@ -70,6 +72,17 @@ bool CallState::TakeStat(const FileNode& node, struct stat* out) {
 
 void CallState::ForgetStats() {
     for (Slot& slot : slots_) slot.fresh = false;
+    changed_ = true;
+}
+
+void CallState::Reread(FileNode& node, const struct stat& st) {
+    if (!changed_) return;
+    for (Slot& slot : slots_) {
+        if (slot.node != node.Serial()) continue;
+        node.OwnChange(ChangeTime(slot.st), ChangeTime(st));
+        slot.st = st;
+        return;
+    }
 }
 
 boost::shared_ptr<LocalObject> CallState::ByPath(const ShareRoot& share, const std::string& path) {

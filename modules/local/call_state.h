@@ -39,6 +39,13 @@ class CallState {
     bool WasNamed(const FileNode& node) const;
     // The group that the object was made with; false when the running call did not make it.
     bool GroupWhenMade(const FileNode& node, gid_t* group) const;
+    // The attributes of an object have been read anew: changes of them that this call has made do
+    // not put its path in doubt.
+    void Reread(FileNode& node, const struct stat& st);
+    // The inode number that the thread last read from a directory: which object the next name is
+    // about, if that name is looked for. A guess that saves work and is never relied on.
+    void Listed(uint64_t inode) { listed_ = inode; }
+    uint64_t LastListed() const { return listed_; }
     // The object of the running call that has this path, or null.
     boost::shared_ptr<LocalObject> ByPath(const ShareRoot& share, const std::string& path);
     // The same, of whatever share.
@@ -61,6 +68,8 @@ class CallState {
     Slot slots_[kSlots];
     int next_ = 0;
     bool resolving_ = false;
+    bool changed_ = false;  // something has been modified since the last resolution
+    uint64_t listed_ = 0;
 };
 
 }  // namespace oxel::local

@@ -108,6 +108,19 @@ class StoredInodeMap final : public InodeMap {
 
 }  // namespace
 
+bool MemoryInodeMap::PutKnown(uint64_t inode, std::string_view parent, std::string_view name,
+                              InodeId* known) {
+    bool same = false;
+    records_.with(inode, [&](Record& record) {
+        same = record.known.id.length != 0 && record.known.birthSeconds == known->birthSeconds &&
+               record.known.birthNanoseconds == known->birthNanoseconds;
+        if (!same) return;
+        record.Move(parent, name);
+        known->id = record.known.id;
+    });
+    return same;
+}
+
 PlacesBatch::PlacesBatch(InodeMap& map) : map_(map) {
     ++batchDepth;
 }

@@ -19,17 +19,29 @@
 #include "modules/local/caller_rights.h"
 #include "modules/local/handle_codec.h"
 #include "modules/local/share_root.h"
+#include "modules/local/syscalls.h"
 
 namespace oxel::local {
 
 // The open descriptor of an object and what never changes about it. Shared by the LocalObjects that
-// name the same object by different paths. While one is alive, the inode cannot be re-used.
+// name the same object by different paths. While one is alive and open, the inode cannot be
+// re-used.
 class FileNode {
   public:
-    // `fd` is O_PATH, or the share's own descriptor duplicated.
+    // `fd` is O_PATH, or opened for reading: the share's own descriptor duplicated, or the one that
+    // a file was made through.
     FileNode(UniqueFd fd, const ObjectId& id, const struct stat& st);
+    // Without a descriptor until somebody asks for it: an entry of a listing, of which nothing is
+    // wanted but its attributes and its handle. Shares with kernel handles only.
+    FileNode(std::shared_ptr<ShareRoot> share, const ObjectId& id, const struct stat& st);
+    ~FileNode();
 
-    int Fd() const { return fd_.Get(); }
+    // -1 with errno when the node was without one and the object is gone.
+    int Fd() const {
+        const int fd = fd_.load(std::memory_order_acquire);
+        return fd >= 0 ? fd : OpenNow();
+    }
+    bool IsOpen() const { return fd_.load(std::memory_order_acquire) >= 0; }
     const ObjectId& Id() const { return id_; }
     dev_t Device() const { return device_; }
     uint64_t Inode() const { return inode_; }
@@ -48,12 +60,18 @@ class FileNode {
     // time moves, or after a while, because a directory above may have been renamed.
     void PathVerified(int64_t changeTime, int64_t nowMs);
     bool PathMayHaveChanged(int64_t changeTime, int64_t nowMs) const;
+    // This process has changed the object itself, and with that its change time, from one to
+    // another: its path is believed as before.
+    void OwnChange(int64_t changeTimeBefore, int64_t changeTimeAfter);
     // For the object cache: when a call last used the object.
     void Used(int64_t nowMs) { usedMs_.store(nowMs, std::memory_order_relaxed); }
     int64_t UsedMs() const { return usedMs_.load(std::memory_order_relaxed); }
 
   private:
-    const UniqueFd fd_;
+    int OpenNow() const;
+
+    const std::shared_ptr<ShareRoot> share_;  // null when it was made with a descriptor
+    mutable std::atomic<int> fd_;             // owned
     const ObjectId id_;
     const dev_t device_;
     const uint64_t inode_;
@@ -139,6 +157,9 @@ class LocalObject final : public BkEndProc, public boost::enable_shared_from_thi
     // object_names.cpp
     Ptr Child(OxelCtxt* ctxt, const std::string& name);
     Ptr ChildUnchecked(const std::string& name, struct stat* st);
+    Ptr ListedChild(const std::string& name, struct stat* st);
+    Ptr KnownChild(const std::string& path, const std::string& name, const Looked& looked);
+    Ptr OpenChild(std::string path, const std::string& name, struct stat* st);
     Ptr Parent(OxelCtxt* ctxt, const CallerRights& rights);
     Ptr Adopt(UniqueFd fd, std::string path, const std::string& name, struct stat* st);
     void RememberPlace(const LocalObject& directory, const std::string& name);
@@ -184,6 +205,9 @@ class LocalObject final : public BkEndProc, public boost::enable_shared_from_thi
     const std::shared_ptr<FileNode> node_;
     const std::string path_;
 };
+
+// The object id of what `fd` stands for, in a share with kernel handles. False with errno.
+bool KernelIdOf(const ShareRoot& share, int fd, ObjectId* id);
 
 // Runs an operation so that running out of memory is an errno like any other.
 template <typename Result, typename Operation>

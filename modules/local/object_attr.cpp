@@ -27,6 +27,7 @@ int LocalObject::StatSelf(struct stat* out) {
     struct stat st;
     if (fstat(node_->Fd(), &st) != 0) return -1;
     node_->Saw(st);
+    CallState::Get().Reread(*node_, st);
     *out = st;
     return 0;
 }
