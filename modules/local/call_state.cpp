@@ -22,7 +22,7 @@ void CallState::Fill(Slot* slot, const boost::shared_ptr<LocalObject>& object,
     slot->node = node;
     slot->object = object;
     slot->st = st;
-    slot->fresh = true;
+    slot->fresh = slot->current = true;
     slot->made = false;
 }
 
@@ -59,6 +59,13 @@ bool CallState::GroupWhenMade(const FileNode& node, gid_t* group) const {
     return true;
 }
 
+bool CallState::StatWhenMade(const FileNode& node, struct stat* st) const {
+    const Slot& slot = slots_[kResolved];
+    if (!WasNamed(node) || !slot.made || !slot.current) return false;
+    *st = slot.st;
+    return true;
+}
+
 bool CallState::TakeStat(const FileNode& node, struct stat* out) {
     resolving_ = false;
     for (Slot& slot : slots_) {
@@ -71,7 +78,7 @@ bool CallState::TakeStat(const FileNode& node, struct stat* out) {
 }
 
 void CallState::ForgetStats() {
-    for (Slot& slot : slots_) slot.fresh = false;
+    for (Slot& slot : slots_) slot.fresh = slot.current = false;
     changed_ = true;
 }
 

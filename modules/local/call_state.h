@@ -46,6 +46,9 @@ class CallState {
     // about, if that name is looked for. A guess that saves work and is never relied on.
     void Listed(uint64_t inode) { listed_ = inode; }
     uint64_t LastListed() const { return listed_; }
+    // What the object was made like; false when the running call did not make it or has changed
+    // something since.
+    bool StatWhenMade(const FileNode& node, struct stat* st) const;
     // The object of the running call that has this path, or null.
     boost::shared_ptr<LocalObject> ByPath(const ShareRoot& share, const std::string& path);
     // The same, of whatever share.
@@ -57,7 +60,8 @@ class CallState {
         // Weak, so that an idle thread keeps no descriptor open.
         boost::weak_ptr<LocalObject> object;
         struct stat st;
-        bool fresh = false;
+        bool fresh = false;    // TakeStat may give `st`
+        bool current = false;  // nothing has been modified since `st`
         bool made = false;
     };
     void Fill(Slot* slot, const boost::shared_ptr<LocalObject>& object, const struct stat& st);

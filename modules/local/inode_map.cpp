@@ -108,17 +108,16 @@ class StoredInodeMap final : public InodeMap {
 
 }  // namespace
 
-bool MemoryInodeMap::PutKnown(uint64_t inode, std::string_view parent, std::string_view name,
-                              InodeId* known) {
-    bool same = false;
-    records_.with(inode, [&](Record& record) {
-        same = record.known.id.length != 0 && record.known.birthSeconds == known->birthSeconds &&
-               record.known.birthNanoseconds == known->birthNanoseconds;
-        if (!same) return;
-        record.Move(parent, name);
-        known->id = record.known.id;
+bool MemoryInodeMap::FindId(uint64_t inode, std::string_view parent, std::string_view name,
+                            InodeId* known, bool* placed) {
+    bool found = false;
+    records_.with(inode, [&](const Record& record) {
+        found = record.known.id.length != 0;
+        if (!found) return;
+        *known = record.known;
+        *placed = record.IsAt(parent, name);
     });
-    return same;
+    return found;
 }
 
 PlacesBatch::PlacesBatch(InodeMap& map) : map_(map) {

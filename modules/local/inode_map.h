@@ -37,20 +37,14 @@ class InodeMap {
   public:
     virtual ~InodeMap() = default;
     // A map of a share with kernel handles remembers object ids too, which saves asking the kernel.
-    // True when the id of the object with `inode` and the birth time in *known is known: it goes
-    // into *known, and the object's place is put at once.
-    virtual bool PutKnown(uint64_t inode, std::string_view parent, std::string_view name,
-                          InodeId* known) {
-        (void)inode, (void)parent, (void)name, (void)known;
+    // True when one is known for the number; *placed is what IsPut says.
+    virtual bool FindId(uint64_t inode, std::string_view parent, std::string_view name,
+                        InodeId* known, bool* placed) {
+        (void)inode, (void)parent, (void)name, (void)known, (void)placed;
         return false;
     }
     // The id of an object whose place has been put.
     virtual void PutId(uint64_t inode, const InodeId& known) { (void)inode, (void)known; }
-    // Whether PutKnown may be true for some birth time.
-    virtual bool MayKnow(uint64_t inode) {
-        (void)inode;
-        return false;
-    }
     virtual bool Find(uint64_t inode, InodePlace* place) = 0;
     virtual void Put(uint64_t inode, const InodePlace& place) = 0;
     // Whether Put would change nothing. May be false where only Put itself finds out.
@@ -96,30 +90,26 @@ class MemoryInodeMap : public InodeMap {
     }
     bool IsPut(uint64_t inode, std::string_view parent, std::string_view name) override {
         bool is = false;
-        records_.with(inode, [&](const Record& record) {
-            is = record.place.name == name && record.place.parent == parent;
-        });
+        records_.with(inode, [&](const Record& record) { is = record.IsAt(parent, name); });
         return is;
     }
     void PutIfRoom(uint64_t inode, const InodePlace& place) override {
         if (records_.count() < records_.limit()) Put(inode, place);
     }
     void Remove(uint64_t inode) override { records_.erase(inode); }
-    bool PutKnown(uint64_t inode, std::string_view parent, std::string_view name,
-                  InodeId* known) override;
+    bool FindId(uint64_t inode, std::string_view parent, std::string_view name, InodeId* known,
+                bool* placed) override;
     void PutId(uint64_t inode, const InodeId& known) override {
         records_.with(inode, [&](Record& record) { record.known = known; });
-    }
-    bool MayKnow(uint64_t inode) override {
-        bool may = false;
-        records_.with(inode, [&](const Record& record) { may = record.known.id.length != 0; });
-        return may;
     }
 
   private:
     struct Record {
         InodePlace place;
         InodeId known;
+        bool IsAt(std::string_view parent, std::string_view name) const {
+            return place.name == name && place.parent == parent;
+        }
         void Move(std::string_view parent, std::string_view name) {
             if (place.parent != parent) place.parent = parent;
             if (place.name != name) place.name = name;

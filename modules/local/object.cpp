@@ -47,8 +47,9 @@ std::vector<std::string> Components(const std::string& path) {
 
 }  // namespace
 
-FileNode::FileNode(UniqueFd fd, const ObjectId& id, const struct stat& st)
+FileNode::FileNode(UniqueFd fd, const ObjectId& id, const struct stat& st, Opened opened)
     : FileNode(nullptr, id, st) {
+    if (opened == Opened::kForReading) fileFd_.store(fd.Get(), std::memory_order_release);
     fd_.store(fd.Release(), std::memory_order_release);
 }
 
@@ -67,7 +68,16 @@ FileNode::FileNode(std::shared_ptr<ShareRoot> share, const ObjectId& id, const s
 }
 
 FileNode::~FileNode() {
-    UniqueFd(fd_.load(std::memory_order_acquire)).Reset();
+    const UniqueFd fd(fd_.load(std::memory_order_acquire));
+    UniqueFd fileFd(fileFd_.load(std::memory_order_acquire));
+    if (fileFd.Get() == fd.Get()) (void)fileFd.Release();
+}
+
+int FileNode::KeepFileFd(UniqueFd fd) const {
+    int known = -1;
+    return fileFd_.compare_exchange_strong(known, fd.Get(), std::memory_order_acq_rel)
+               ? fd.Release()
+               : known;
 }
 
 // By the handle, which is the very object's or nobody's.
@@ -113,7 +123,8 @@ void NoteDirectoryMove() {
 }
 
 boost::shared_ptr<LocalObject> LocalObject::FromFd(const std::shared_ptr<ShareRoot>& share,
-                                                   UniqueFd fd, std::string path, struct stat* st) {
+                                                   UniqueFd fd, std::string path, struct stat* st,
+                                                   FileNode::Opened opened) {
     ObjectId id;
     if (share->Kind() == HandleKind::kKernel) {
         if (fstat(fd.Get(), st) != 0 || !KernelIdOf(*share, fd.Get(), &id)) return nullptr;
@@ -127,7 +138,7 @@ boost::shared_ptr<LocalObject> LocalObject::FromFd(const std::shared_ptr<ShareRo
         id =
             SignObjectId(share->Type(), share->ShareId(), share->Kind(), EncodeInodeBody(identity));
     }
-    auto node = std::make_shared<FileNode>(std::move(fd), id, *st);
+    auto node = std::make_shared<FileNode>(std::move(fd), id, *st, opened);
     return boost::make_shared<LocalObject>(share, std::move(node), std::move(path));
 }
 

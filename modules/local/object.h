@@ -28,9 +28,10 @@ namespace oxel::local {
 // re-used.
 class FileNode {
   public:
-    // `fd` is O_PATH, or opened for reading: the share's own descriptor duplicated, or the one that
-    // a file was made through.
-    FileNode(UniqueFd fd, const ObjectId& id, const struct stat& st);
+    // kForReading: the share's own descriptor duplicated, or the one that a file was made through.
+    enum class Opened { kAsPath, kForReading };
+    FileNode(UniqueFd fd, const ObjectId& id, const struct stat& st,
+             Opened opened = Opened::kAsPath);
     // Without a descriptor until somebody asks for it: an entry of a listing, of which nothing is
     // wanted but its attributes and its handle. Shares with kernel handles only.
     FileNode(std::shared_ptr<ShareRoot> share, const ObjectId& id, const struct stat& st);
@@ -42,6 +43,11 @@ class FileNode {
         return fd >= 0 ? fd : OpenNow();
     }
     bool IsOpen() const { return fd_.load(std::memory_order_acquire) >= 0; }
+    // A descriptor that fsync(2) and fchmod(2) take, or -1 when there is none.
+    int FileFd() const { return fileFd_.load(std::memory_order_acquire); }
+    // Keeps one for later; the descriptor to use, which another thread may have brought first. For
+    // directories: each name that is made or removed in one is synced.
+    int KeepFileFd(UniqueFd fd) const;
     const ObjectId& Id() const { return id_; }
     dev_t Device() const { return device_; }
     uint64_t Inode() const { return inode_; }
@@ -72,6 +78,7 @@ class FileNode {
 
     const std::shared_ptr<ShareRoot> share_;  // null when it was made with a descriptor
     mutable std::atomic<int> fd_;             // owned
+    mutable std::atomic<int> fileFd_{-1};     // fd_, or another one, owned
     const ObjectId id_;
     const dev_t device_;
     const uint64_t inode_;
@@ -96,7 +103,9 @@ class LocalObject final : public BkEndProc, public boost::enable_shared_from_thi
     // Takes what `fd` stands for, whose path is `path`; *st is filled. Null with errno: EXDEV for
     // what lies on another file system than the handles of this share can name.
     static boost::shared_ptr<LocalObject> FromFd(const std::shared_ptr<ShareRoot>& share,
-                                                 UniqueFd fd, std::string path, struct stat* st);
+                                                 UniqueFd fd, std::string path, struct stat* st,
+                                                 FileNode::Opened opened = kAsPath);
+    static constexpr FileNode::Opened kAsPath = FileNode::Opened::kAsPath;
 
     ShareRoot& Share() const { return *share_; }
     const std::shared_ptr<ShareRoot>& SharePtr() const { return share_; }
@@ -161,7 +170,8 @@ class LocalObject final : public BkEndProc, public boost::enable_shared_from_thi
     Ptr KnownChild(const std::string& path, const std::string& name, const Looked& looked);
     Ptr OpenChild(std::string path, const std::string& name, struct stat* st);
     Ptr Parent(OxelCtxt* ctxt, const CallerRights& rights);
-    Ptr Adopt(UniqueFd fd, std::string path, const std::string& name, struct stat* st);
+    Ptr Adopt(UniqueFd fd, std::string path, const std::string& name, struct stat* st,
+              FileNode::Opened opened = kAsPath);
     void RememberPlace(const LocalObject& directory, const std::string& name);
 
     // object_create.cpp
@@ -198,8 +208,10 @@ class LocalObject final : public BkEndProc, public boost::enable_shared_from_thi
     bool MayOverride(const CallerRights& rights, int access);
     // Before and after a change of what the descriptor cache and the call's attributes rest on.
     void Changing();
-    void AccessChanged();
+    // *now is what the object has become.
+    bool AccessChanged(struct stat* now);
     int SyncAccess(const struct stat& before);
+    bool StatUnlessJustMade(struct stat* st) const;
 
     const std::shared_ptr<ShareRoot> share_;
     const std::shared_ptr<FileNode> node_;

@@ -102,16 +102,20 @@ boost::shared_ptr<LocalObject> LocalObject::ListedChild(const std::string& name,
     if (!PathBelow(path_, name, &path)) return nullptr;
     InodeMap& places = share_->Places();
     const std::string_view parent = node_->Id().Body();
+    const uint64_t inode = CallState::Get().LastListed();
     const auto identified = [&](const Looked& looked) {
         return looked.HasBirth() && looked.st.st_dev == share_->Device();
     };
-    if (places.MayKnow(CallState::Get().LastListed())) {
+    InodeId known;
+    bool placed;
+    if (places.FindId(inode, parent, name, &known, &placed)) {
         Looked looked;
         const Look look = LookInside(node_->Fd(), name.c_str(), &looked);
         if (look == Look::kFailed) return nullptr;
-        InodeId known{looked.birthSeconds, looked.birthNanoseconds, {}};
-        if (look == Look::kFound && identified(looked) &&
-            places.PutKnown(looked.st.st_ino, parent, name, &known)) {
+        if (look == Look::kFound && identified(looked) && looked.st.st_ino == inode &&
+            looked.birthSeconds == known.birthSeconds &&
+            looked.birthNanoseconds == known.birthNanoseconds) {
+            if (!placed) places.Put(inode, {std::string(parent), name});
             *st = looked.st;
             auto node = std::make_shared<FileNode>(share_, known.id, looked.st);
             return boost::make_shared<LocalObject>(share_, std::move(node), std::move(path));
@@ -134,8 +138,9 @@ boost::shared_ptr<LocalObject> LocalObject::ListedChild(const std::string& name,
 
 // Takes the descriptor of this directory's entry `name`.
 boost::shared_ptr<LocalObject> LocalObject::Adopt(UniqueFd fd, std::string path,
-                                                  const std::string& name, struct stat* st) {
-    Ptr child = FromFd(share_, std::move(fd), std::move(path), st);
+                                                  const std::string& name, struct stat* st,
+                                                  FileNode::Opened opened) {
+    Ptr child = FromFd(share_, std::move(fd), std::move(path), st, opened);
     if (!child) return nullptr;
     child->RememberPlace(*this, name);
     ObjectCache::Instance().Put(child);
