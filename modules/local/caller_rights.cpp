@@ -154,7 +154,7 @@ OwnRightsScope::~OwnRightsScope() {
 CallerRights::CallerRights(const OxelCtxt* ctxt, const LocalObject& object, Need need)
     : ctxt_(ctxt) {
     CallState::Get().OperationStarts();
-    share_ = dynamic_cast<LocalExport*>(ctxt->exportPtr.get());
+    share_ = AsLocal(ctxt->exportPtr.get());
     if (share_ == nullptr || share_->Root().Serial() != object.Share().Serial()) {
         errno = EXDEV;
         return;

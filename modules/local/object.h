@@ -92,6 +92,10 @@ class FileNode {
 
 // For how long a path is believed while nothing about the object itself has changed. Tests set 0.
 extern std::atomic<int64_t> gPathBelievedMs;
+// The handle of an object that is no older is not remembered by inode number and birth time: a
+// later owner of the number might have the same birth time, of which the coarsest are two seconds
+// apart. Tests set less.
+extern std::atomic<int64_t> gBirthSettledSeconds;
 // A directory has been renamed through this process: no path below it is believed any longer.
 void NoteDirectoryMove();
 

@@ -15,6 +15,8 @@
 
 namespace oxel::local {
 
+std::atomic<int64_t> gBirthSettledSeconds{4};
+
 BkEndProcPtr LocalObject::FindChild(OxelCtxt* ctxt, const std::string& name) {
     return Guarded(BkEndProcPtr(), [&]() -> BkEndProcPtr {
         Ptr child = Child(ctxt, name);
@@ -95,9 +97,6 @@ boost::shared_ptr<LocalObject> LocalObject::KnownChild(const std::string& path,
 // opened when its handle is known, and not cached, because a listing of a large directory would
 // push out what clients work with.
 boost::shared_ptr<LocalObject> LocalObject::ListedChild(const std::string& name, struct stat* st) {
-    // A file system's coarsest birth times are two seconds apart. An object that is younger may
-    // share its birth time with the next owner of its inode number.
-    constexpr int64_t kBirthSettledSeconds = 4;
     std::string path;
     if (!PathBelow(path_, name, &path)) return nullptr;
     InodeMap& places = share_->Places();
@@ -130,7 +129,8 @@ boost::shared_ptr<LocalObject> LocalObject::ListedChild(const std::string& name,
     if (looked.st.st_dev == share_->Device() || !S_ISDIR(st->st_mode)) {
         places.Put(st->st_ino, {std::string(parent), name});
     }
-    if (identified(looked) && looked.birthSeconds + kBirthSettledSeconds < now)
+    if (identified(looked) &&
+        looked.birthSeconds + gBirthSettledSeconds.load(std::memory_order_relaxed) < now)
         places.PutId(st->st_ino, {looked.birthSeconds, looked.birthNanoseconds, id});
     auto node = std::make_shared<FileNode>(std::move(fd), id, *st);
     return boost::make_shared<LocalObject>(share_, std::move(node), std::move(path));
