@@ -28,7 +28,7 @@ boost::shared_ptr<LocalObject> MakeRootObject(const std::shared_ptr<ShareRoot>& 
     struct stat st;
     if (!fd) return nullptr;
     const std::string path = root->Prefix().empty() ? "/" : root->Prefix();
-    return LocalObject::FromFd(root, std::move(fd), path, &st);
+    return LocalObject::FromFd(root, std::move(fd), path, &st, FileNode::Opened::kForReading);
 }
 
 }  // namespace
