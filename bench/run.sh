@@ -1,0 +1,93 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# The inside of scripts/bench.sh: starts the servers, runs every row of bench/rows with each of them
+# in turn, round by round, and writes one line per measurement to $BENCH_WORK/results.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+source bench/servers.sh
+
+trap stop_servers EXIT
+trap 'exit 130' INT TERM HUP
+ulimit -n "$(ulimit -Hn)"
+
+if [[ -n "$BENCH_ISOLATED" ]]; then
+  ip link set lo up
+  # What the peer and its port mapper write stays in here.
+  mount -t tmpfs bench /run
+  mkdir -p /run/ganesha /var/lib/nfs
+  mount -t tmpfs bench /var/lib/nfs
+fi
+
+# Where the shares are: the disk and, in memory, a file system of its own.
+share_of() { echo "$BENCH_WORK/$1"; }
+for place in $BENCH_PLACES; do
+  mkdir -p "$(share_of "$place")"
+  [[ $place != tmpfs ]] || mount -t tmpfs -o size=80%,nr_inodes=0 bench "$(share_of tmpfs)"
+done
+for place in $BENCH_PLACES; do
+  df --output=fstype "$(share_of "$place")" | sed -n "2s/^/$place /p" >>"$BENCH_WORK/places"
+done
+
+# measure ROW PLACE WHO ROUND OPTIONS...: one line of results.
+measure() {
+  local row=$1 place=$2 who=$3 round=$4 line share
+  shift 4
+  share=(--share "$(share_of "$place")")
+  [[ $who != floor && $who != batched ]] || share=()  # they have none
+  if line=$(timeout 300 "$bin/oxel-load" --port "${nfs_port[$who]}" --mount-port "${mount_port[$who]}" \
+      --server-pid "${pid[$who]}" "${share[@]}" --format line "$@" 2>>"$BENCH_WORK/errors"); then
+    echo "row=$row place=$place who=$who round=$round $line" >>"$BENCH_WORK/results"
+    printf '%-22s %-6s %-8s %s\n' "$row" "$place" "$who" \
+      "$(sed 's/.*\(callsPerSecond=[^ ]*\).*\(serverCpuUsPerCall=[^ ]*\).*/\1 \2/' <<<"$line")" >&2
+  else
+    echo "bench: $row on $place with $who failed: $(tail -n 1 "$BENCH_WORK/errors")" >&2
+  fi
+}
+
+if [[ $BENCH_KIND == scale ]]; then
+  source bench/scale.sh
+  exit 0
+fi
+
+for place in $BENCH_PLACES; do
+  share=$(share_of "$place")
+  "$bin/oxel-tree" data "$share/data" $((64 << 20))
+  "$bin/oxel-tree" names "$share/names-1000" 1000
+  "$bin/oxel-tree" names "$share/names-100000" 100000
+  "$bin/oxel-tree" mix "$share/mix"
+done
+sync
+
+if [[ $BENCH_KIND == against ]]; then
+  pair='this other'
+  start_oxel this "$bin/oxelnfsd" "$BENCH_HARDENED"
+  start_oxel other "$BENCH_AGAINST" "$BENCH_HARDENED"
+else
+  pair=ours
+  start_oxel ours "$bin/oxelnfsd" 1
+  start_oxel default "$bin/oxelnfsd" 0
+  start_floor floor
+  start_floor batched --batch
+  ! start_peer || pair='ours peer'
+fi
+
+for round in $(seq "$BENCH_ROUNDS"); do
+  echo "bench: round $round of $BENCH_ROUNDS" >&2
+  while IFS='|' read -r row _ who places connections depth options; do
+    [[ -n "$row" && $row != \#* && $row =~ $BENCH_ONLY ]] || continue
+    [[ $BENCH_KIND == full || $who == pair ]] || continue
+    [[ $who != pair ]] || who=$pair
+    # The one that went first goes last in the next round.
+    ((round % 2)) || who=$(printf '%s\n' $who | tac)
+    for place in $BENCH_PLACES; do
+      [[ " $places " == *" $place "* ]] || continue
+      for one in $who; do
+        # One server's unwritten pages are not left to the next one.
+        [[ $row != write* || $place != disk ]] || sync -f "$(share_of disk)"
+        # shellcheck disable=SC2086
+        measure "$row" "$place" "$one" "$round" --connections "$connections" --depth "$depth" \
+          --seconds "$BENCH_SECONDS" --warmup "$(awk "BEGIN { print $BENCH_SECONDS / 5 }")" $options
+      done
+    done
+  done <bench/rows
+done
