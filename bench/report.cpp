@@ -2,7 +2,9 @@
 #include "bench/report.h"
 
 #include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -37,6 +39,15 @@ uint64_t CpuNanoseconds(int pid) {
     return static_cast<uint64_t>(used.tv_sec) * 1000000000 + static_cast<uint64_t>(used.tv_nsec);
 }
 
+uint64_t MachineBusyNanoseconds() {
+    std::ifstream file("/proc/stat");
+    std::string name;
+    uint64_t user = 0, nice = 0, system = 0, idle = 0, wait = 0, irq = 0, softIrq = 0, steal = 0;
+    file >> name >> user >> nice >> system >> idle >> wait >> irq >> softIrq >> steal;
+    const uint64_t ticks = user + nice + system + irq + softIrq + steal;
+    return ticks * 1000000000 / static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
+}
+
 uint64_t ResidentKib(int pid) {
     return StatusKib(pid, "VmRSS:");
 }
@@ -66,6 +77,12 @@ void PrintReport(const Options& options, const Measured& measured, const Histogr
     say("maxus", durations.Max());
     say("ownCpuUsPerCall", static_cast<double>(measured.ownCpuNs) / 1000 / calls);
     if (options.serverPid != 0) {
+        // A measurement beside a busy stranger says little: of the machine, what others had.
+        const double others = static_cast<double>(measured.machineBusyNs) -
+                              static_cast<double>(measured.serverCpuNs + measured.ownCpuNs);
+        const double machine =
+            measured.seconds * static_cast<double>(sysconf(_SC_NPROCESSORS_ONLN));
+        say("othersPercent", std::max(0.0, others / 1e7 / machine));
         say("serverCpuUsPerCall", serverUs / calls);
         report["rssBeforeKib"] = measured.residentBeforeKib;
         report["rssKib"] = measured.residentKib;

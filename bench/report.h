@@ -21,9 +21,13 @@ uint64_t ResidentKib(int pid);
 uint64_t PeakResidentKib(int pid);
 void ForgetPeak(int pid);
 
+// Nanoseconds that all CPUs of the machine have been busy with anything, or were kept from us by a
+// hypervisor.
+uint64_t MachineBusyNanoseconds();
+
 struct Measured {
     double seconds = 0;
-    uint64_t serverCpuNs = 0, ownCpuNs = 0;
+    uint64_t serverCpuNs = 0, ownCpuNs = 0, machineBusyNs = 0;
     uint64_t residentBeforeKib = 0;  // before the first connection
     uint64_t residentKib = 0, peakKib = 0;
 };

@@ -28,20 +28,37 @@ for place in $BENCH_PLACES; do
   df --output=fstype "$(share_of "$place")" | sed -n "2s/^/$place /p" >>"$BENCH_WORK/places"
 done
 
+# field NAME LINE
+field() { sed -n "s/.*\b$1=\([^ ]*\).*/\1/p" <<<"$2"; }
+
+# A measurement is repeated when strangers had more than this of the machine meanwhile, at most
+# twice, and the quietest one counts. What reaches the disk keeps the kernel's own threads busy.
+others_most=20 retries_left=$((BENCH_ROUNDS * 25))
+
 # measure ROW PLACE WHO ROUND OPTIONS...: one line of results.
 measure() {
-  local row=$1 place=$2 who=$3 round=$4 line share
+  local row=$1 place=$2 who=$3 round=$4 line best='' others least=1000 share most=$others_most
   shift 4
   share=(--share "$(share_of "$place")")
   [[ $who != floor && $who != batched ]] || share=()  # they have none
-  if line=$(timeout 300 "$bin/oxel-load" --port "${nfs_port[$who]}" --mount-port "${mount_port[$who]}" \
-      --server-pid "${pid[$who]}" "${share[@]}" --format line "$@" 2>>"$BENCH_WORK/errors"); then
-    echo "row=$row place=$place who=$who round=$round $line" >>"$BENCH_WORK/results"
-    printf '%-22s %-6s %-8s %s\n' "$row" "$place" "$who" \
-      "$(sed 's/.*\(callsPerSecond=[^ ]*\).*\(serverCpuUsPerCall=[^ ]*\).*/\1 \2/' <<<"$line")" >&2
-  else
+  [[ $place != disk || ! $row =~ ^(write|create|mkdir|mix) ]] || most=1000
+  for _ in 1 2 3; do
+    line=$(timeout 300 "$bin/oxel-load" --port "${nfs_port[$who]}" \
+      --mount-port "${mount_port[$who]}" --server-pid "${pid[$who]}" "${share[@]}" \
+      --format line "$@" 2>>"$BENCH_WORK/errors") || break
+    others=$(field othersPercent "$line")
+    others=${others%.*}
+    if ((others < least)); then least=$others best=$line; fi
+    ((others > most && retries_left > 0)) || break
+    retries_left=$((retries_left - 1))
+  done
+  if [[ -z "$best" ]]; then
     echo "bench: $row on $place with $who failed: $(tail -n 1 "$BENCH_WORK/errors")" >&2
+    return
   fi
+  echo "row=$row place=$place who=$who round=$round $best" >>"$BENCH_WORK/results"
+  printf '%-22s %-6s %-8s %10s calls/s %10s us CPU, others had %2d %%\n' "$row" "$place" "$who" \
+    "$(field callsPerSecond "$best")" "$(field serverCpuUsPerCall "$best")" "$least" >&2
 }
 
 if [[ $BENCH_KIND == scale ]]; then

@@ -5,19 +5,28 @@ bin=build/release/bin
 declare -A pid nfs_port mount_port
 declare -a started=()
 
+# Asks a process to end, and makes it after 5 s: a peer that is told to end while it still starts
+# may not listen.
+end_process() {
+  [[ -d /proc/$1 ]] || return 0
+  kill -TERM "$1" 2>/dev/null || true
+  for _ in $(seq 100); do
+    [[ -d /proc/$1 && $(<"/proc/$1/stat") != *') Z '* ]] 2>/dev/null || break
+    sleep 0.05
+  done
+  kill -KILL "$1" 2>/dev/null || true
+  wait "$1" 2>/dev/null || true
+}
+stop_one() { end_process "${pid[$1]}"; }
 stop_servers() {
   local one
-  for one in "${started[@]}"; do kill -TERM "$one" 2>/dev/null || true; done
-  for one in "${started[@]}"; do
-    for _ in $(seq 50); do kill -0 "$one" 2>/dev/null || break; sleep 0.1; done
-    kill -KILL "$one" 2>/dev/null || true
-    wait "$one" 2>/dev/null || true
-  done
+  for one in "${started[@]}"; do end_process "$one"; done
 }
 
 # start_oxel NAME PROGRAM HARDENED [EXPORTS-FILE]
 start_oxel() {
   local name=$1 root=$BENCH_WORK/root-$1 place
+  rm -rf "$root"
   mkdir -p "$root/etc/oxelnfsd"
   printf '[Oxel]\nnHardened = %s\nnNfs3Port = 0\n' "$3" >"$root/etc/oxelnfsd/Bench.conf"
   if [[ -n "${4:-}" ]]; then

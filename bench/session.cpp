@@ -5,6 +5,7 @@
 #include <netinet/tcp.h>
 #include <sys/random.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -14,12 +15,14 @@ namespace bench {
 namespace {
 
 constexpr uint32_t kListingBytes = 64 << 10;
+constexpr time_t kPatienceSeconds = 20;
 
 void ReceiveExactly(int fd, char* data, size_t length) {
     while (length > 0) {
         const ssize_t got = recv(fd, data, length, 0);
         if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) throw std::runtime_error("the server closed the connection");
+        if (got < 0) throw std::runtime_error(std::string("no answer: ") + strerror(errno));
+        if (got == 0) throw std::runtime_error("the server closed the connection");
         data += got;
         length -= static_cast<size_t>(got);
     }
@@ -47,6 +50,8 @@ oxel::UniqueFd Connect(uint16_t port) {
 }
 
 Session::Session(uint16_t port) : socket_(Connect(port)) {
+    const timeval patience = {kPatienceSeconds, 0};
+    (void)setsockopt(socket_.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     // A server may remember calls: no two runs shall use the same transaction ids.
     if (getrandom(&xid_, sizeof xid_, 0) != sizeof xid_) throw std::runtime_error("getrandom");
 }

@@ -4,7 +4,7 @@
 #   scripts/bench.sh                       against nfs-ganesha; writes docs/benchmarks.md and .svg
 #   scripts/bench.sh --scale               many connections, files and shares; writes its part there
 #   scripts/bench.sh --against OXELNFSD    against another build of our own; only prints
-# Options: --seconds N (of one measurement, 2), --rounds N (3), --only PATTERN (rows whose name
+# Options: --seconds N (of one measurement, 2; --scale 1), --rounds N (3), --only PATTERN (rows whose name
 # matches, an extended regular expression), --place disk|tmpfs|both (both), --default-mode (with
 # --against: nHardened = 0), --dry (print, write nothing), --no-build.
 # As root everything runs in namespaces of its own: network, mounts, processes. Otherwise there is
@@ -14,7 +14,7 @@ cd "$(dirname "$0")/.."
 
 usage() { sed -n '3,13s/^# \{0,1\}//p' "$0" >&2; exit 2; }
 kind=full against='' dry='' build=yes
-export BENCH_SECONDS=2 BENCH_ROUNDS=3 BENCH_ONLY=. BENCH_PLACES='disk tmpfs' BENCH_HARDENED=1
+export BENCH_SECONDS='' BENCH_ROUNDS=3 BENCH_ONLY=. BENCH_PLACES='disk tmpfs' BENCH_HARDENED=1
 while [[ $# -gt 0 ]]; do
   case $1 in
     --scale) kind=scale ;;
@@ -30,6 +30,7 @@ while [[ $# -gt 0 ]]; do
   esac
   shift
 done
+[[ -n "$BENCH_SECONDS" ]] || { [[ $kind == scale ]] && BENCH_SECONDS=1 || BENCH_SECONDS=2; }
 [[ -z "$against" || -x "$against" ]] || { echo "bench: $against is no program" >&2; exit 2; }
 
 mkdir -p build
