@@ -5,6 +5,7 @@ function of(row, who, name,    p, result) {
   for (p in places_seen) if ((result = median(row, p, who, name)) != "") return result
   return ""
 }
+function whole(number) { return number < 1000 ? number "" : with_commas(number) }
 function both(row, name) {
   return with_commas(of(row, "ours", name)) " | " with_commas(of(row, "peer", name))
 }
@@ -30,7 +31,7 @@ END {
     for (d = 1; d <= 2; ++d)
       for (i = 1; i <= n; ++i) {
         row = operations[o] "-c" counts[i] "-d" depths[d]
-        print "| " toupper(operations[o]) " | " with_commas(counts[i]) " | " depths[d] " | " \
+        print "| " toupper(operations[o]) " | " whole(counts[i]) " | " depths[d] " | " \
           both(row, "callsPerSecond") " | " both(row, "serverCpuUsPerCall") " |"
       }
   print "\n### Files in the share, a random one each call\n"
@@ -41,7 +42,7 @@ END {
     for (i = 1; i <= n; ++i) {
       row = operations[o] "-f" counts[i]
       a = of(row, "ours", "rssKib"); b = of(row, "peer", "rssKib")
-      print "| " toupper(operations[o]) " | " with_commas(counts[i]) " | " \
+      print "| " toupper(operations[o]) " | " whole(counts[i]) " | " \
         both(row, "callsPerSecond") " | " both(row, "serverCpuUsPerCall") " | " \
         (a == "" ? "-" : shown(a / 1024)) " | " (b == "" ? "-" : shown(b / 1024)) " |"
     }

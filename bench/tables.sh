@@ -8,13 +8,18 @@ kind=$1
 version() { dpkg-query -W -f '${Version}' "$1" 2>/dev/null || echo none; }
 commit=$(git rev-parse --short HEAD 2>/dev/null || echo unknown)
 git diff --quiet HEAD 2>/dev/null || commit="$commit and changes not committed"
+other="peer nfs-ganesha $(version nfs-ganesha)"
+[[ $kind != against ]] || other="other $BENCH_AGAINST"
 cat <<TEXT
 - commit: $commit
 - machine: $(nproc) cores, $(sed -n 's/^model name[^:]*: //p' /proc/cpuinfo | head -n 1), $(awk '/^MemTotal/ { printf "%.0f GiB", $2 / 1048576 }' /proc/meminfo), Linux $(uname -r)
-- versions: $(. /etc/os-release && echo "$PRETTY_NAME"), GCC $(gcc -dumpfullversion 2>/dev/null || echo none), libtirpc $(version libtirpc3), peer nfs-ganesha $(version nfs-ganesha)
-- date: $(date -u +%F), $BENCH_ROUNDS rounds of $BENCH_SECONDS s
+- versions: $(. /etc/os-release && echo "$PRETTY_NAME"), GCC $(gcc -dumpfullversion 2>/dev/null || echo none), libtirpc $(version libtirpc3), $other
+- date: $(date -u +%F), $BENCH_ROUNDS round$([[ $BENCH_ROUNDS == 1 ]] || echo s) of $BENCH_SECONDS s
 TEXT
 touch "$BENCH_WORK/results"
+sed -n 's/.*othersPercent=\([^ ]*\).*/\1/p' "$BENCH_WORK/results" | sort -g | awk '
+  { share[NR] = $1 }
+  END { if (NR) printf "- others had %.0f %% of the machine meanwhile (median; %.0f %% at most)\n", share[int((NR + 1) / 2)], share[NR] }'
 if [[ $kind == scale ]]; then
   awk -f bench/medians.awk -f bench/scale.awk bench/rows "$BENCH_WORK/results"
 else

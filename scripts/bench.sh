@@ -4,9 +4,9 @@
 #   scripts/bench.sh                       against nfs-ganesha; writes docs/benchmarks.md and .svg
 #   scripts/bench.sh --scale               many connections, files and shares; writes its part there
 #   scripts/bench.sh --against OXELNFSD    against another build of our own; only prints
-# Options: --seconds N (of one measurement, 2; --scale 1), --rounds N (3), --only PATTERN (rows whose name
-# matches, an extended regular expression), --place disk|tmpfs|both (both), --default-mode (with
-# --against: nHardened = 0), --dry (print, write nothing), --no-build.
+# Options: --seconds N (of one measurement: 2, with --scale 1), --rounds N (3), --only PATTERN (only
+# rows of bench/rows whose name matches; printed, not written), --place disk|tmpfs|both (both),
+# --default-mode (with --against: nHardened = 0), --dry (print, write nothing), --no-build.
 # As root everything runs in namespaces of its own: network, mounts, processes. Otherwise there is
 # no peer and no tmpfs.
 set -euo pipefail
@@ -21,7 +21,7 @@ while [[ $# -gt 0 ]]; do
     --against) kind=against; against=$(realpath "${2:?}"); shift ;;
     --seconds) BENCH_SECONDS=${2:?}; shift ;;
     --rounds) BENCH_ROUNDS=${2:?}; shift ;;
-    --only) BENCH_ONLY=${2:?}; shift ;;
+    --only) BENCH_ONLY=${2:?} dry=yes; shift ;;
     --place) BENCH_PLACES=${2:?}; shift; [[ $BENCH_PLACES != both ]] || BENCH_PLACES='disk tmpfs' ;;
     --default-mode) BENCH_HARDENED=0 ;;
     --dry) dry=yes ;;
