@@ -126,7 +126,7 @@ TEST_P(HostileAttacks, FifteenHundredIdleConnections) {
 
 TEST_P(HostileAttacks, AStormOfConnectsClosesAndResets) {
     Beside(
-        "connect storm", kSlackMiB,
+        "connect storm", 2 * kSlackMiB,
         [&](const auto& attacking) {
             const std::string record = Record(Getattr().Message());
             for (unsigned round = 0; attacking(); ++round) {

@@ -132,7 +132,7 @@ class HostileTest : public WireTest {
     }
     // For attackers that only have to be there.
     void WaitWhile(const StillAttacking& stillAttacking) {
-        EXPECT_TRUE(WaitUntil([&] { return !stillAttacking(); }));
+        EXPECT_TRUE(WaitUntil([&] { return !stillAttacking(); }, kServedMs));
     }
 
     nlohmann::json Status() {
@@ -159,7 +159,7 @@ class HostileTest : public WireTest {
     }
 
     static constexpr size_t kCallsMin = 300;
-    static constexpr unsigned kSaidMs = 10000;
+    static constexpr unsigned kSaidMs = 10000, kServedMs = 60000;
 
     std::unique_ptr<NfsClient> maker_;  // makes calls; its own connection is a good one
     std::unique_ptr<MeasuringClient> steady_;
