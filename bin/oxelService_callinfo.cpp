@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <iterator>
 #include <new>
 #include <type_traits>
 
@@ -171,7 +172,7 @@ void TMemPool<T>::Push(T* record) {
 }
 
 template <typename T>
-T* TMemPool<T>::Pop() {
+T* TMemPool<T>::Take(bool recent) {
     lock_.enter();
     while (free_.empty()) {
         ++waiters_;
@@ -180,8 +181,9 @@ T* TMemPool<T>::Pop() {
         lock_.enter();
         --waiters_;
     }
-    T* record = free_.front();
-    spareNodes_.splice(spareNodes_.end(), free_, free_.begin());
+    const auto node = recent ? std::prev(free_.end()) : free_.begin();
+    T* record = *node;
+    spareNodes_.splice(spareNodes_.end(), free_, node);
     const bool passOn = waiters_ != 0 && !free_.empty();
     lock_.leave();
     if (passOn) available_.set();

@@ -57,6 +57,7 @@ void EventLoop::Adopt(oxel::UniqueFd socket) {
 
 void EventLoop::End(EventConnection* connection, EndReason reason, const std::string& text) {
     CountEnd(reason, connection->Address(), text);
+    connection->Flush();  // the answers to what it asked before
     (void)epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, connection->Descriptor(), nullptr);
     if (connection->ready) std::erase(ready_, connection);
     if (connection->pause != Pause::kNone) std::erase(paused_, connection);

@@ -65,7 +65,9 @@ void EventLoop::Run() {
 bool EventLoop::Lead() {
     now_ = CoarseSeconds();
     if (EventConnection* interrupted = std::exchange(current_, nullptr)) {
-        // The thread that led before is held up in a call of this one.
+        // The thread that led before is held up in a call of this one. Others of the kind would
+        // hold up one thread after the other until that call ends.
+        pace_.LearnLong(handled_);
         interrupted->Flush();
         MakeReady(interrupted);
     }
@@ -132,7 +134,7 @@ bool EventLoop::OnEvent(EventConnection* connection, uint32_t events) {
 bool EventLoop::Turn(EventConnection* connection) {
     connection->activeSince = now_;
     current_ = connection;
-    handled_ = 0;
+    turnTook_ = 0;
     connection->AddCall();  // another thread that leads may end it
     const bool leads = ServeRecords(connection);
     connection->Flush();
@@ -191,7 +193,7 @@ bool EventLoop::ServeRecords(EventConnection* connection) {
                 break;
         }
         if (connection->replies.Blocked()) return true;  // Resume() pauses it
-        if (calls++ == kTurnCalls || bytes >= kTurnBytes || handled_ >= kTurnNanoseconds) {
+        if (calls++ == kTurnCalls || bytes >= kTurnBytes || turnTook_ >= kTurnNanoseconds) {
             MakeReady(connection);
             return true;
         }
@@ -247,7 +249,8 @@ void* EventLoop::DispatchMount(void* record) {
 }
 
 bool EventLoop::Handle(CallInfo3* call) {
-    if (pace_.IsQuick(CallPace::KindOf(call))) {
+    // The last thread that can receive handles nothing: all the others are held up already.
+    if (leadership_.Watched() && pace_.IsQuick(CallPace::KindOf(call))) {
         decoded_ = call;  // once the library is done with the record
         return true;
     }
@@ -255,15 +258,15 @@ bool EventLoop::Handle(CallInfo3* call) {
 }
 
 bool EventLoop::HandleHere(CallInfo3* call) {
-    const CallPace::Kind kind = CallPace::KindOf(call);
+    handled_ = CallPace::KindOf(call);
     const uint64_t began = oxel::MonotonicNanoseconds();
     const uint64_t work = leadership_.Begin();
     HandleNFSRPC(call);
-    const bool leads = leadership_.Finish(work);
+    if (!leadership_.Finish(work)) return false;
     const uint64_t took = oxel::MonotonicNanoseconds() - began;
-    pace_.Learn(kind, took);
-    if (leads) handled_ += took;
-    return leads;
+    pace_.Learn(handled_, took);
+    turnTook_ += took;
+    return true;
 }
 
 // On a handler thread.
@@ -295,6 +298,8 @@ namespace {
 class Event : public Carrier {
   public:
     void Receive() override { Loop().Run(); }
+    // There is one: the loop has looked.
+    CallInfo3* TakeRecord() override { return gCallInfoPool.PopRecent(); }
     SVCXPRT* Copy(SVCXPRT* transport, SVCXPRT* copy) override {
         return DupWithoutStream(transport, copy);
     }

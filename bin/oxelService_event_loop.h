@@ -79,9 +79,10 @@ class EventLoop {
     bool mountUnderWay_ = false;
     EventConnection* current_ = nullptr;  // whose turn it is
     CallInfo3* decoded_ = nullptr;        // to be handled here
-    uint64_t handled_ = 0;                // nanoseconds that calls have taken in this turn
+    uint64_t turnTook_ = 0;               // nanoseconds that calls have taken in this turn
     uint64_t buffered_ = 0;               // bytes of large records that are not whole
     int64_t now_ = 0;                     // seconds
+    CallPace::Kind handled_{};            // what is handled here now
 
     Leadership leadership_;
     CallPace pace_;

@@ -62,7 +62,7 @@ bool Leadership::Watch() {
 
 void Leadership::StartWatcherIfNone() {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (watched_ || waiting_ != 0 || threads_ + 1 >= threadsMost_) return;
+    if (deputies_ != 0 || threads_ + 1 >= threadsMost_) return;
     try {
         std::thread([this, number = threads_ + 2] {
             oxel::SetThreadName("NFS-" + std::to_string(number));
@@ -71,8 +71,9 @@ void Leadership::StartWatcherIfNone() {
             --threads_;
         }).detach();
         ++threads_;
+        ++deputies_;
     } catch (const std::system_error&) {
-        // No thread can be had: a leader that is held up holds its clients up.
+        // No thread can be had: the leader is told that nobody watches it.
     }
 }
 
@@ -88,9 +89,7 @@ void Leadership::Member(bool leads) {
         if (!leads) {
             {
                 std::unique_lock<std::mutex> lock(mutex_);
-                ++waiting_;
                 changed_.wait(lock, [this] { return !watched_ || over_; });
-                --waiting_;
                 if (over_) return;
                 watched_ = true;
             }
@@ -99,14 +98,17 @@ void Leadership::Member(bool leads) {
                 std::lock_guard<std::mutex> lock(mutex_);
                 watched_ = false;
                 changed_.notify_one();
+                if (!leadsNow) return;
+                --deputies_;
             }
-            if (!leadsNow) return;
         }
         StartWatcherIfNone();
         if (lead_()) {
             SayOver();
             return;
         }
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++deputies_;
     }
 }
 

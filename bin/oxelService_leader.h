@@ -24,6 +24,10 @@ class Leadership {
     void Run(Lead lead, unsigned threadsMost);
     // Whether every thread but the one that called Run() has ended.
     bool AllEnded();
+    // Whether somebody watches the leader or is about to, and would take its place: a leader that
+    // is held up with nobody behind it holds everybody up. By the thread that leads; holds until
+    // Begin().
+    bool Watched() const { return deputies_.load(std::memory_order_relaxed) != 0; }
 
     // Around work that may take long; by the thread that leads. What the leader has written before
     // is seen by whoever takes its place.
@@ -48,9 +52,10 @@ class Leadership {
     XoEvent wakeWatcher_;
 
     std::mutex mutex_;
+    // Threads that neither lead nor are held up; written under mutex_.
+    std::atomic<unsigned> deputies_{0};
     // Guarded by mutex_.
     std::condition_variable changed_;
     bool watched_ = false;
-    unsigned waiting_ = 0;  // threads that would watch
     unsigned threads_ = 0;  // besides the one that called Run()
 };

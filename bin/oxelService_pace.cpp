@@ -24,13 +24,20 @@ CallPace::Kind CallPace::KindOf(CallInfo3* call) {
             call->procedure == kReaddir || call->procedure == kReaddirplus};
 }
 
+// Two threads that write a score at once lose one step: no harm.
 void CallPace::Learn(Kind kind, uint64_t nanoseconds) {
-    // Two threads that write at once lose one step: no harm.
+    if (nanoseconds > (kind.listing ? kLongListingNanoseconds : kLongNanoseconds)) {
+        LearnLong(kind);
+        return;
+    }
     std::atomic<uint8_t>& score = scores_[kind.slot];
     const uint8_t before = score.load(std::memory_order_relaxed);
-    if (nanoseconds > (kind.listing ? kLongListingNanoseconds : kLongNanoseconds))
-        score.store(static_cast<uint8_t>(std::min<int>(before + kLongCall, kMost)),
-                    std::memory_order_relaxed);
-    else if (before != 0)
-        score.store(static_cast<uint8_t>(before - 1), std::memory_order_relaxed);
+    if (before != 0) score.store(static_cast<uint8_t>(before - 1), std::memory_order_relaxed);
+}
+
+void CallPace::LearnLong(Kind kind) {
+    std::atomic<uint8_t>& score = scores_[kind.slot];
+    const uint8_t before = score.load(std::memory_order_relaxed);
+    score.store(static_cast<uint8_t>(std::min<int>(before + kLongCall, kMost)),
+                std::memory_order_relaxed);
 }

@@ -26,6 +26,8 @@ class CallPace {
     }
     // A call of that kind was handled within so many nanoseconds.
     void Learn(Kind kind, uint64_t nanoseconds);
+    // A call of that kind is taking long and has not ended.
+    void LearnLong(Kind kind);
 
   private:
     // One long call in eight makes a kind slow; a few quick ones in a row make it quick again.
