@@ -16,7 +16,7 @@ class CallPace {
     // What calls are kept apart by: procedure, share, and for WRITE whether it waits for the disk.
     struct Kind {
         uint16_t slot;
-        bool listing;  // takes its time without waiting for anything
+        uint32_t longNanoseconds;  // more is long for a call of that size
     };
     // Of a call whose arguments are decoded.
     static Kind KindOf(CallInfo3* call);
@@ -32,8 +32,6 @@ class CallPace {
   private:
     // One long call in eight makes a kind slow; a few quick ones in a row make it quick again.
     static constexpr uint8_t kSlow = 8, kLongCall = 8, kMost = 24;
-    static constexpr uint64_t kLongNanoseconds = 200'000;
-    static constexpr uint64_t kLongListingNanoseconds = 2'000'000;
     static constexpr unsigned kProcedures = 32, kShares = 64;
 
     std::atomic<uint8_t> scores_[kProcedures * kShares] = {};
