@@ -65,6 +65,7 @@ class FileNode {
     // The path was found to be right at this change time; it is asked for again when the change
     // time moves, or after a while, because a directory above may have been renamed.
     void PathVerified(int64_t changeTime, int64_t nowMs);
+    int64_t VerifiedMs() const { return verifiedMs_.load(std::memory_order_relaxed); }
     bool PathMayHaveChanged(int64_t changeTime, int64_t nowMs) const;
     // This process has changed the object itself, and with that its change time, from one to
     // another: its path is believed as before.

@@ -24,7 +24,7 @@ ObjectPtr At(const std::shared_ptr<ShareRoot>& share, const std::shared_ptr<File
     std::shared_ptr<FileNode> use = node;
     if (location.fd) use = std::make_shared<FileNode>(std::move(location.fd), node->Id(), st);
     use->Saw(st);
-    use->PathVerified(ChangeTime(st), NowMs());
+    use->PathVerified(ChangeTime(st), location.verifiedMs >= 0 ? location.verifiedMs : NowMs());
     auto object = boost::make_shared<LocalObject>(share, std::move(use), std::move(location.path));
     ObjectCache::Instance().Put(object);
     return object;
@@ -77,9 +77,14 @@ bool WhereLastSeen(LocalExport& share, const struct stat& st, Location* location
     BecomeOwn();
     Looked looked;
     // While the object is open, another object cannot have its inode number.
-    return LookInside(directory->Node().Fd(), place.name.c_str(), &looked) == Look::kFound &&
-           looked.st.st_ino == st.st_ino && looked.st.st_dev == st.st_dev &&
-           PathBelow(directory->GetPath(), place.name, &location->path);
+    if (LookInside(directory->Node().Fd(), place.name.c_str(), &looked) != Look::kFound ||
+        looked.st.st_ino != st.st_ino || looked.st.st_dev != st.st_dev ||
+        !PathBelow(directory->GetPath(), place.name, &location->path)) {
+        return false;
+    }
+    // The path is as good as the directory's and no better.
+    if (!directory->IsShareRoot()) location->verifiedMs = directory->Node().VerifiedMs();
+    return true;
 }
 
 ObjectPtr FromKernelHandle(LocalExport& share, const ObjectId& id, struct stat* st) {
