@@ -172,7 +172,14 @@ void TMemPool<T>::Push(T* record) {
 }
 
 template <typename T>
-T* TMemPool<T>::Take(bool recent) {
+T* TMemPool<T>::Take(typename std::list<T*>::iterator node) {
+    T* record = *node;
+    spareNodes_.splice(spareNodes_.end(), free_, node);
+    return record;
+}
+
+template <typename T>
+T* TMemPool<T>::Pop() {
     lock_.enter();
     while (free_.empty()) {
         ++waiters_;
@@ -181,13 +188,17 @@ T* TMemPool<T>::Take(bool recent) {
         lock_.enter();
         --waiters_;
     }
-    const auto node = recent ? std::prev(free_.end()) : free_.begin();
-    T* record = *node;
-    spareNodes_.splice(spareNodes_.end(), free_, node);
+    T* record = Take(free_.begin());
     const bool passOn = waiters_ != 0 && !free_.empty();
     lock_.leave();
     if (passOn) available_.set();
     return record;
+}
+
+template <typename T>
+T* TMemPool<T>::TryPopRecent() {
+    XoCriticalSectionGuard hold(lock_);
+    return free_.empty() ? nullptr : Take(std::prev(free_.end()));
 }
 
 template <typename T>

@@ -153,16 +153,17 @@ class TMemPool {
     void Push(T* record);
     // Takes the record that has been free longest; blocks while there is none: the back-pressure of
     // the NFS service is that the receive thread stops here.
-    T* Pop() { return Take(false); }
-    // Takes the record that was given back last, whose memory the caches still hold; blocks alike.
-    T* PopRecent() { return Take(true); }
+    T* Pop();
+    // Takes the record that was given back last, whose memory the caches still hold. Null when
+    // there is none.
+    T* TryPopRecent();
 
     // Records made by Init, and those of them that are free now.
     size_t Total() const;
     size_t Free() const;
 
   private:
-    T* Take(bool recent);
+    T* Take(typename std::list<T*>::iterator node) REQUIRES(lock_);
 
     mutable XoCriticalSectionH lock_;
     std::list<T*> free_ GUARDED_BY(lock_);

@@ -7,7 +7,6 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -20,20 +19,19 @@
 const TransportOperations EventConnection::kOperations = {Receive, Stat,          GetArguments,
                                                           Reply,   FreeArguments, Destroy};
 
-EventConnection::EventConnection(SVCXPRT* transport, EventLoop& loop, const RecordBounds& bounds,
-                                 BufferPool& pool)
+EventConnection::EventConnection(SVCXPRT* transport, EventLoop& loop, const AddressKey& address,
+                                 const RecordBounds& bounds, BufferPool& pool)
     : Connection(transport),
       input(bounds, pool),
       loop_(loop),
-      address_(CLuIPAddr(transport->xp_raddr).GetAddressString()) {
-    const XOIPAddr address{CLuIPAddr(transport->xp_raddr)};
-    std::copy_n(address.bytes(), addressKey_.size(), addressKey_.begin());
-}
+      address_(CLuIPAddr(transport->xp_raddr).GetAddressString()),
+      from_(address) {}
 
 EventConnection* EventConnection::Guard(SVCXPRT* transport, EventLoop& loop,
-                                        const RecordBounds& bounds, BufferPool& pool) {
+                                        const AddressKey& address, const RecordBounds& bounds,
+                                        BufferPool& pool) {
     try {
-        auto* connection = new EventConnection(transport, loop, bounds, pool);
+        auto* connection = new EventConnection(transport, loop, address, bounds, pool);
         connection->TakeCharge(&kOperations);
         return connection;
     } catch (const std::bad_alloc&) {

@@ -15,13 +15,14 @@
 #include "bin/oxelService_replies.h"
 
 class EventLoop;
+using AddressKey = std::array<unsigned char, 16>;  // as access rules compare addresses
 
 // All but what says otherwise: for the thread that receives.
 class EventConnection : public Connection {
   public:
     // Takes charge of a transport made for a non-blocking socket. Null when memory is short.
-    static EventConnection* Guard(SVCXPRT* transport, EventLoop& loop, const RecordBounds& bounds,
-                                  BufferPool& pool);
+    static EventConnection* Guard(SVCXPRT* transport, EventLoop& loop, const AddressKey& address,
+                                  const RecordBounds& bounds, BufferPool& pool);
     static EventConnection* Of(const SVCXPRT* transport) {
         return static_cast<EventConnection*>(Connection::Of(transport));
     }
@@ -40,8 +41,8 @@ class EventConnection : public Connection {
     using Connection::End;
     bool Ended() const { return Dead(); }
     const std::string& Address() const { return address_; }
-    // As access rules compare it.
-    const std::array<unsigned char, 16>& AddressKey() const { return addressKey_; }
+    const AddressKey& From() const { return from_; }
+    EventLoop& Loop() const { return loop_; }
 
     RecordReader input;
     ReplyQueue replies;
@@ -65,8 +66,8 @@ class EventConnection : public Connection {
     size_t place = 0;            // among the loop's connections
 
   private:
-    EventConnection(SVCXPRT* transport, EventLoop& loop, const RecordBounds& bounds,
-                    BufferPool& pool);
+    EventConnection(SVCXPRT* transport, EventLoop& loop, const AddressKey& address,
+                    const RecordBounds& bounds, BufferPool& pool);
     static bool_t Receive(SVCXPRT* transport, rpc_msg* message);
     static xprt_stat Stat(SVCXPRT* transport);
     static bool_t GetArguments(SVCXPRT* transport, xdrproc_t decode, void* arguments);
@@ -80,5 +81,5 @@ class EventConnection : public Connection {
     XDR decoder_{};
     bool notACall_ = false;
     const std::string address_;
-    std::array<unsigned char, 16> addressKey_;
+    const AddressKey from_;
 };

@@ -2,48 +2,42 @@
 //
 // Who is connected: taking clients in, and ending the connections of those who go or take too much.
 #include <sys/epoll.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <utility>
 
 #include "bin/oxelService_accept.h"
 #include "bin/oxelService_event_loop.h"
-#include "net/CLuIPAddr.h"
 
 using Pause = EventConnection::Pause;
 
-void EventLoop::Adopt(oxel::UniqueFd socket) {
-    sockaddr_storage peer{};
-    socklen_t length = sizeof peer;
-    if (getpeername(socket.Get(), reinterpret_cast<sockaddr*>(&peer), &length) != 0) return;
-    const CLuIPAddr address(reinterpret_cast<sockaddr*>(&peer), length);
-    std::array<unsigned char, 16> key;
-    std::copy_n(XOIPAddr(address).bytes(), key.size(), key.begin());
-    const auto known = perAddress_.find(key);
+void EventLoop::TakeOver(oxel::UniqueFd socket, const AddressKey& address) {
+    clients_.fetch_add(1, std::memory_order_relaxed);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        taken_.emplace_back(std::move(socket), address);
+    }
+    Wake();
+}
 
-    if (Connection::Count() >= limits_.connections) {
-        CountEnd(EndReason::kConnectionLimit, address.GetAddressString(),
-                 "more than " + std::to_string(limits_.connections) + " connections");
-        return;
-    }
-    if (known != perAddress_.end() && known->second >= limits_.connectionsPerAddress) {
-        CountEnd(EndReason::kAddressLimit, address.GetAddressString(),
-                 "more than " + std::to_string(limits_.connectionsPerAddress) +
-                     " connections from this address");
-        return;
-    }
+void EventLoop::Leave(const AddressKey& address) {
+    clients_.fetch_sub(1, std::memory_order_relaxed);
+    service_.clients.Leave(address);
+}
+
+void EventLoop::Adopt(oxel::UniqueFd socket, const AddressKey& address) {
     // The library's own buffers are never used.
     static constexpr unsigned kLibraryBufferBytes = 4096;
     SVCXPRT* transport = MakeTransport(std::move(socket), kLibraryBufferBytes, kLibraryBufferBytes);
-    if (transport == nullptr) return;
     EventConnection* connection =
-        EventConnection::Guard(transport, *this, limits_.record, *buffers_);
+        transport != nullptr
+            ? EventConnection::Guard(transport, *this, address, limits_.record, buffers_)
+            : nullptr;
     if (connection == nullptr) {
-        SVC_DESTROY(transport);
+        if (transport != nullptr) SVC_DESTROY(transport);
+        Leave(address);
         return;
     }
-    ++perAddress_[key];
     connection->place = connections_.size();
     connections_.push_back(connection);
     connection->activeSince = now_;
@@ -61,16 +55,13 @@ void EventLoop::End(EventConnection* connection, EndReason reason, const std::st
     (void)epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, connection->Descriptor(), nullptr);
     if (connection->ready) std::erase(ready_, connection);
     if (connection->pause != Pause::kNone) std::erase(paused_, connection);
-    if (connection->elsewhere)
-        std::erase(mounts_, connection);  // the buffer may be in use
-    else
-        connection->input.Stop();
+    SetPause(connection, Pause::kNone);
+    if (!connection->elsewhere) connection->input.Stop();  // else the buffer is in use
+    CountBuffered(connection, 0);
     connections_[connection->place] = connections_.back();
     connections_[connection->place]->place = connection->place;
     connections_.pop_back();
-    CountBuffered(connection, 0);
-    const auto address = perAddress_.find(connection->AddressKey());
-    if (--address->second == 0) perAddress_.erase(address);
+    Leave(connection->From());
     connection->End();
 }
 
@@ -80,11 +71,8 @@ void EventLoop::EndNoCall(EventConnection* connection) {
 
 void EventLoop::Sweep() {
     for (size_t i = connections_.size(); i > 0; --i) SweepOne(connections_[i - 1]);
-    const bool forMemory = std::any_of(paused_.begin(), paused_.end(), [](auto* connection) {
-        return connection->pause == Pause::kForMemory;
-    });
-    if (forMemory || BufferedTooMuch(0)) EndStalled();
-    SumEndsUp();
+    if (service_.waitingForMemory != 0 || BufferedTooMuch(0)) EndStalled();
+    if (number_ == 0) SumEndsUp();
 }
 
 void EventLoop::SweepOne(EventConnection* connection) {

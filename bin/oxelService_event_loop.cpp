@@ -4,19 +4,21 @@
 #include "bin/oxelService_event_loop.h"
 
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <ctime>
+#include <string>
 #include <utility>
 
 #include "backend/OxelServiceGlobals.h"
 #include "base/log.h"
 #include "base/perf_counter.h"
+#include "base/thread.h"
 #include "bin/oxelService.h"
 #include "bin/oxelService_accept.h"
 #include "bin/oxelService_callinfo.h"
 #include "bin/oxelService_carrier.h"
-#include "bin/oxelService_transport.h"
 
 using Pause = EventConnection::Pause;
 
@@ -40,26 +42,36 @@ int64_t CoarseSeconds() {
 
 }  // namespace
 
-// The one loop of the process, which is never destroyed.
-static EventLoop& Loop() {
-    static auto* loop = new EventLoop;
-    return *loop;
-}
+EventLoop::EventLoop(EventService& service, unsigned number)
+    : service_(service),
+      number_(number),
+      limits_(service.Limits()),
+      buffers_(service.Limits().record.bytes) {}
 
-void EventLoop::Run() {
-    limits_ = ClientLimits::FromSettings();
-    buffers_ = std::make_unique<BufferPool>(limits_.record.bytes);
+bool EventLoop::Open() {
     epoll_.Reset(epoll_create1(EPOLL_CLOEXEC));
+    wake_.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     const auto watch = [this](int fd, void* who) {
         epoll_event event{};
         event.events = EPOLLIN;
         event.data.ptr = who;
-        if (epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, fd, &event) != 0)
-            OXEL_LOG(-1, "Error: Descriptor [%d] cannot be watched. [%m]", fd);
+        return epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, fd, &event) == 0;
     };
-    watch(WakeDescriptor(), nullptr);
-    watch(ListeningDescriptor(), this);
-    leadership_.Run([this] { return Lead(); }, gWorkerPool.maxCount() + 2);
+    const bool opened =
+        epoll_ && wake_ && watch(wake_.Get(), &wake_) &&
+        (number_ != 0 || (watch(WakeDescriptor(), nullptr) && watch(ListeningDescriptor(), this)));
+    if (!opened) OXEL_LOG(-1, "Error: Receive loop [%u] cannot be opened. [%m]", number_ + 1);
+    return opened;
+}
+
+void EventLoop::Run() {
+    const std::string name = number_ == 0 ? "NFS" : "NFS" + std::to_string(number_ + 1);
+    oxel::SetThreadName(name);
+    leadership_.Run([this] { return Lead(); }, gWorkerPool.maxCount() + 2, name);
+}
+
+void EventLoop::Wake() {
+    (void)eventfd_write(wake_.Get(), 1);
 }
 
 bool EventLoop::Lead() {
@@ -67,12 +79,13 @@ bool EventLoop::Lead() {
     if (EventConnection* interrupted = std::exchange(current_, nullptr)) {
         // The thread that led before is held up in a call of this one. Others of the kind would
         // hold up one thread after the other until that call ends.
-        pace_.LearnLong(handled_);
+        service_.pace.LearnLong(handled_);
         interrupted->Flush();
         MakeReady(interrupted);
     }
     int64_t swept = now_;
     while (OxelServiceGlobals::exitProcess == 0) {
+        TakeNews();
         Resume();
         epoll_event events[kEventsAtOnce];
         const int count =
@@ -82,11 +95,16 @@ bool EventLoop::Lead() {
         size_t turns = ready_.size();
         for (int i = 0; i < count; ++i) {
             void* who = events[i].data.ptr;
-            if (who == nullptr) {
+            if (who == &wake_) {
+                eventfd_t written;
+                (void)eventfd_read(wake_.Get(), &written);  // emptied; TakeNews() finds what it was
+            } else if (who == nullptr) {
                 ClearWake();
+                service_.WakeOtherLoops();
             } else if (who == this) {
-                AcceptWaiting(ListeningDescriptor(), SOCK_NONBLOCK,
-                              [this](oxel::UniqueFd socket) { Adopt(std::move(socket)); });
+                AcceptWaiting(ListeningDescriptor(), SOCK_NONBLOCK, [this](oxel::UniqueFd socket) {
+                    service_.TakeIn(std::move(socket));
+                });
             } else if (!OnEvent(static_cast<EventConnection*>(who), events[i].events)) {
                 return false;
             }
@@ -97,7 +115,7 @@ bool EventLoop::Lead() {
             next->ready = false;
             if (!Turn(next)) return false;
         }
-        PrintPerfStatsIfAsked();
+        if (number_ == 0) PrintPerfStatsIfAsked();
         if (now_ != swept) {
             swept = now_;
             Sweep();
@@ -140,14 +158,9 @@ bool EventLoop::Turn(EventConnection* connection) {
     connection->Flush();
     if (leads) {
         current_ = nullptr;
-    }
-    if (leads && !connection->elsewhere) {
-        CountBuffered(connection, connection->input.Begun() ? connection->bufferedBytes : 0);
-        connection->input.Rest();
+        if (!connection->elsewhere) StopReading(connection);
     }
     connection->Drop();
-    // The record of the call that took so long is free again.
-    if (!leads && somePaused_) WakeReceiveLoop();
     return leads;
 }
 
@@ -197,16 +210,18 @@ bool EventLoop::ServeRecords(EventConnection* connection) {
             MakeReady(connection);
             return true;
         }
-        if (!HasCallRecord(connection, gCallInfoPool.Free())) {
-            PauseFor(Pause::kForRecord, connection);
+        if (connection->IsMountCall()) {
+            connection->elsewhere = true;
+            service_.DispatchMount(connection);
             return true;
         }
-        if (connection->IsMountCall()) {
-            DispatchThere(connection);
+        if (!HasCallRecord(connection, gCallInfoPool.Free()) || !EventService::ReserveRecord()) {
+            PauseFor(Pause::kForRecord, connection);
             return true;
         }
         bytes += input.RecordBytes();
         connection->Dispatch();
+        EventService::ReturnReserved();
         input.Consume();
         if (connection->WasNoCall()) {
             EndNoCall(connection);
@@ -217,40 +232,9 @@ bool EventLoop::ServeRecords(EventConnection* connection) {
     }
 }
 
-// MOUNT calls share one record, and MNT waits for the disk: it brings the registry there.
-void EventLoop::DispatchThere(EventConnection* connection) {
-    connection->elsewhere = true;
-    mounts_.push_back(connection);
-    if (!mountUnderWay_) DispatchNextMount();
-}
-
-void EventLoop::DispatchNextMount() {
-    if (mounts_.empty()) return;
-    EventConnection* connection = mounts_.front();
-    mounts_.pop_front();
-    connection->AddCall();
-    mountUnderWay_ = true;
-    // Without a handler thread it is done here; Resume() finds it.
-    if (!gWorkerPool.doWork(DispatchMount, connection)) DispatchMount(connection);
-}
-
-// On a handler thread.
-void* EventLoop::DispatchMount(void* record) {
-    auto* connection = static_cast<EventConnection*>(record);
-    connection->Dispatch();
-    connection->Flush();
-    EventLoop& loop = Loop();
-    {
-        std::lock_guard<std::mutex> lock(loop.mutex_);
-        loop.dispatched_.push_back(connection);
-    }
-    WakeReceiveLoop();
-    return nullptr;
-}
-
 bool EventLoop::Handle(CallInfo3* call) {
     // The last thread that can receive handles nothing: all the others are held up already.
-    if (leadership_.Watched() && pace_.IsQuick(CallPace::KindOf(call))) {
+    if (leadership_.Watched() && service_.pace.IsQuick(CallPace::KindOf(call))) {
         decoded_ = call;  // once the library is done with the record
         return true;
     }
@@ -262,9 +246,10 @@ bool EventLoop::HandleHere(CallInfo3* call) {
     const uint64_t began = oxel::MonotonicNanoseconds();
     const uint64_t work = leadership_.Begin();
     HandleNFSRPC(call);
+    service_.RecordIsFree();
     if (!leadership_.Finish(work)) return false;
     const uint64_t took = oxel::MonotonicNanoseconds() - began;
-    pace_.Learn(handled_, took);
+    service_.pace.Learn(handled_, took);
     turnTook_ += took;
     return true;
 }
@@ -274,13 +259,14 @@ void* EventLoop::HandleThere(void* record) {
     auto* call = static_cast<CallInfo3*>(record);
     EventConnection* connection = EventConnection::Of(call->transport);
     connection->AddCall();  // the call's own reference goes with the call
+    EventService& service = connection->Loop().service_;
     const CallPace::Kind kind = CallPace::KindOf(call);
     const uint64_t began = oxel::MonotonicNanoseconds();
     HandleNFSRPC(call);
-    Loop().pace_.Learn(kind, oxel::MonotonicNanoseconds() - began);
+    service.pace.Learn(kind, oxel::MonotonicNanoseconds() - began);
     connection->Flush();
     connection->Drop();
-    if (Loop().somePaused_) WakeReceiveLoop();
+    service.RecordIsFree();
     return nullptr;
 }
 
@@ -291,26 +277,4 @@ void EventLoop::Poll(EventConnection* connection, uint32_t events) {
     event.events = events;
     event.data.ptr = connection;
     (void)epoll_ctl(epoll_.Get(), EPOLL_CTL_MOD, connection->Descriptor(), &event);
-}
-
-namespace {
-
-class Event : public Carrier {
-  public:
-    void Receive() override { Loop().Run(); }
-    // There is one: the loop has looked.
-    CallInfo3* TakeRecord() override { return gCallInfoPool.PopRecent(); }
-    SVCXPRT* Copy(SVCXPRT* transport, SVCXPRT* copy) override {
-        return DupWithoutStream(transport, copy);
-    }
-    bool Handle(CallInfo3* call) override { return Loop().Handle(call); }
-    // A connection's queue keeps its replies apart, and no thread waits in it.
-    void Reply(CallInfo3* call) override { SendWithoutShareLock(call); }
-};
-
-}  // namespace
-
-Carrier& EventCarrier() {
-    static auto* carrier = new Event;
-    return *carrier;
 }

@@ -5,6 +5,7 @@
 #include <sys/epoll.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "bin/oxelService.h"
 #include "bin/oxelService_callinfo.h"
@@ -19,8 +20,27 @@ constexpr size_t kSmallRecordBytes = 16 << 10;
 
 }  // namespace
 
+void EventLoop::SetPause(EventConnection* connection, Pause reason) {
+    if (connection->pause == Pause::kForMemory) --service_.waitingForMemory;
+    if (reason == Pause::kForMemory) ++service_.waitingForMemory;
+    connection->pause = reason;
+}
+
+void EventLoop::SetSomePaused(bool somePaused) {
+    if (somePaused_.load(std::memory_order_relaxed) == somePaused) return;
+    somePaused_ = somePaused;
+    if (somePaused)
+        ++service_.pausedLoops;
+    else
+        --service_.pausedLoops;
+}
+
+void EventLoop::WakeIfPaused() {
+    if (somePaused_) Wake();
+}
+
 void EventLoop::MakeReady(EventConnection* connection) {
-    connection->pause = Pause::kNone;
+    SetPause(connection, Pause::kNone);
     connection->recordNumber = 0;  // its time does not run while the daemon makes it wait
     Poll(connection, EPOLLIN);
     if (connection->ready) return;
@@ -29,10 +49,10 @@ void EventLoop::MakeReady(EventConnection* connection) {
 }
 
 void EventLoop::PauseFor(Pause reason, EventConnection* connection) {
-    connection->pause = reason;
+    SetPause(connection, reason);
     paused_.push_back(connection);
-    // Before Resume() looks: a handler thread that gives a record back after that sees it.
-    somePaused_ = true;
+    // Before Resume() looks: whoever gives a record back after that sees it.
+    SetSomePaused(true);
 }
 
 void EventLoop::WaitForClient(EventConnection* connection) {
@@ -41,7 +61,42 @@ void EventLoop::WaitForClient(EventConnection* connection) {
         std::lock_guard<std::mutex> lock(mutex_);
         blocked_.push_back(connection);
     }
-    WakeReceiveLoop();
+    Wake();
+}
+
+void EventLoop::MountIsDone(EventConnection* connection) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        answered_.push_back(connection);
+    }
+    Wake();
+}
+
+void EventLoop::TakeNews() {
+    decltype(taken_) taken;
+    std::vector<EventConnection*> blocked, answered;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        taken.swap(taken_);
+        blocked.swap(blocked_);
+        answered.swap(answered_);
+    }
+    for (auto& [socket, address] : taken) Adopt(std::move(socket), address);
+    for (EventConnection* connection : answered) {
+        CameBack(connection);
+        connection->Drop();
+    }
+    for (EventConnection* connection : blocked) {
+        if (!connection->Ended()) {
+            if (connection->ready) std::erase(ready_, connection);
+            if (connection->pause != Pause::kNone) std::erase(paused_, connection);
+            connection->ready = false;
+            SetPause(connection, Pause::kForClient);
+            connection->blockedSince = now_;
+            Poll(connection, EPOLLOUT);
+        }
+        connection->Drop();
+    }
 }
 
 void EventLoop::CameBack(EventConnection* connection) {
@@ -54,34 +109,16 @@ void EventLoop::CameBack(EventConnection* connection) {
         MakeReady(connection);
 }
 
+// After a turn: what it holds of the daemon's memory it keeps only for a record under way.
+void EventLoop::StopReading(EventConnection* connection) {
+    if (connection->input.Begun()) return;
+    CountBuffered(connection, 0);
+    connection->input.Rest();
+}
+
 void EventLoop::Resume() {
-    std::vector<EventConnection*> blocked, dispatched;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        blocked.swap(blocked_);
-        dispatched.swap(dispatched_);
-    }
-    for (EventConnection* connection : dispatched) {
-        CameBack(connection);
-        connection->Drop();
-        mountUnderWay_ = false;
-        DispatchNextMount();
-    }
-    for (EventConnection* connection : blocked) {
-        if (!connection->Ended()) {
-            if (connection->ready) std::erase(ready_, connection);
-            if (connection->pause != Pause::kNone) std::erase(paused_, connection);
-            connection->ready = false;
-            connection->pause = Pause::kForClient;
-            connection->blockedSince = now_;
-            Poll(connection, EPOLLOUT);
-        }
-        connection->Drop();
-    }
-    if (paused_.empty()) {
-        if (somePaused_.load(std::memory_order_relaxed)) somePaused_ = false;
-        return;
-    }
+    SetSomePaused(!paused_.empty());
+    if (paused_.empty()) return;
     size_t free = gCallInfoPool.Free();
     for (size_t left = paused_.size(); left > 0; --left) {
         EventConnection* connection = paused_.front();
@@ -104,7 +141,7 @@ bool EventLoop::HasCallRecord(const EventConnection* connection, size_t free) co
 }
 
 bool EventLoop::BufferedTooMuch(uint64_t more) const {
-    return buffered_ + ReplyQueue::BytesBlocked() + more > limits_.bufferedBytes;
+    return service_.buffered + ReplyQueue::BytesBlocked() + more > limits_.bufferedBytes;
 }
 
 bool EventLoop::HasMemory(EventConnection* connection) {
@@ -116,6 +153,7 @@ bool EventLoop::HasMemory(EventConnection* connection) {
 }
 
 void EventLoop::CountBuffered(EventConnection* connection, uint64_t bytes) {
-    buffered_ += bytes - connection->bufferedBytes;
+    if (bytes == connection->bufferedBytes) return;
+    service_.buffered += bytes - connection->bufferedBytes;
     connection->bufferedBytes = bytes;
 }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <ctime>
+#include <mutex>
 
 #include "backend/OxelServiceGlobals.h"
 #include "base/log.h"
@@ -41,7 +42,7 @@ constexpr time_t kMinute = 60;
 struct Account {
     const char* name;
     std::atomic<uint64_t> count{0};
-    // Of the thread that counts.
+    // Guarded by gMutex.
     unsigned lines = 0;
     uint64_t unsaid = 0;
     std::string text;
@@ -53,7 +54,8 @@ Account gAccounts[kEndReasons] = {
     {"sendTimeout"}, {"connectionLimit"}, {"addressLimit"},     {"bufferLimit"},   {"notACall"},
 };
 
-time_t gMinuteBegan = 0;
+std::mutex gMutex;
+time_t gMinuteBegan = 0;  // guarded by gMutex
 
 time_t Seconds() {
     timespec now;
@@ -63,8 +65,22 @@ time_t Seconds() {
 
 }  // namespace
 
+static void SumUp() {
+    const time_t now = Seconds();
+    if (now - gMinuteBegan < kMinute) return;
+    gMinuteBegan = now;
+    for (Account& account : gAccounts) {
+        if (account.unsaid != 0)
+            OXEL_LOG(-1, "%llu more connections were ended because %s.",
+                     static_cast<unsigned long long>(account.unsaid), account.text.c_str());
+        account.lines = 0;
+        account.unsaid = 0;
+    }
+}
+
 void CountEnd(EndReason reason, const std::string& address, const std::string& text) {
-    SumEndsUp();
+    std::lock_guard<std::mutex> lock(gMutex);
+    SumUp();
     Account& account = gAccounts[static_cast<unsigned>(reason)];
     account.count.fetch_add(1, std::memory_order_relaxed);
     if (reason == EndReason::kByClient) {
@@ -79,16 +95,8 @@ void CountEnd(EndReason reason, const std::string& address, const std::string& t
 }
 
 void SumEndsUp() {
-    const time_t now = Seconds();
-    if (now - gMinuteBegan < kMinute) return;
-    gMinuteBegan = now;
-    for (Account& account : gAccounts) {
-        if (account.unsaid != 0)
-            OXEL_LOG(-1, "%llu more connections were ended because %s.",
-                     static_cast<unsigned long long>(account.unsaid), account.text.c_str());
-        account.lines = 0;
-        account.unsaid = 0;
-    }
+    std::lock_guard<std::mutex> lock(gMutex);
+    SumUp();
 }
 
 std::array<std::pair<const char*, uint64_t>, kEndReasons> EndCounts() {
