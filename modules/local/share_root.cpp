@@ -69,6 +69,7 @@ std::shared_ptr<ShareRoot> ShareRoot::Open(FSModuleType type, uint32_t shareId,
     std::shared_ptr<ShareRoot> root(new ShareRoot(type, shareId));
     root->fd_ =
         OpenMakingRoom([&] { return open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+    if (root->fd_) root->fd_ = DupAside(root->Fd());
     struct stat st;
     InodeIdentity identity;
     root->layered_ = root->fd_ && IsLayered(root->Fd());

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <sys/select.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <time.h>
@@ -59,6 +60,12 @@ bool LookAt(int fd, Looked* looked) {
     if (statx(fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &x) != 0) return false;
     FromStatx(x, looked);
     return true;
+}
+
+UniqueFd DupAside(int fd) {
+    UniqueFd aside(fcntl(fd, F_DUPFD_CLOEXEC, FD_SETSIZE));
+    if (aside) return aside;
+    return OpenMakingRoom([&] { return fcntl(fd, F_DUPFD_CLOEXEC, 0); });
 }
 
 Look LookInside(int directory, const char* name, Looked* looked) {

@@ -72,6 +72,11 @@ inline int64_t ChangeTime(const struct stat& st) {
     return int64_t{st.st_ctim.tv_sec} * 1000000000 + st.st_ctim.tv_nsec;
 }
 
+// A duplicate whose number no select() could watch, when there may be such numbers, else any: what
+// stays open as long as its share leaves the low numbers to connections. Empty with errno when there
+// is none.
+UniqueFd DupAside(int fd);
+
 // Closes what is only kept open to save time, or half of it. Called when the process is out of
 // descriptors. False when there was nothing.
 bool MakeRoomForDescriptors();
