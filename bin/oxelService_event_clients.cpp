@@ -92,8 +92,9 @@ void EventLoop::SweepOne(EventConnection* connection) {
             End(connection, EndReason::kRecordTimeout,
                 "a record was not complete after " + std::to_string(limits_.recordSeconds) + " s");
         }
-    } else if (connection->CallsInFlight() == 0 &&
-               lasts(connection->activeSince, limits_.idleSeconds)) {
+    } else if (connection->CallsInFlight() != 0) {
+        connection->activeSince = now_;
+    } else if (lasts(connection->activeSince, limits_.idleSeconds)) {
         End(connection, EndReason::kIdle, "idle" + after(limits_.idleSeconds));
     }
 }
@@ -103,9 +104,17 @@ void EventLoop::EndStalled() {
     static constexpr int64_t kStalledSeconds = 1;
     const auto stalls = [this](const EventConnection* connection) {
         const int64_t longAgo = now_ - kStalledSeconds;
-        if (connection->pause == Pause::kForClient) return connection->blockedSince <= longAgo;
-        return connection->pause == Pause::kNone && !connection->elsewhere &&
-               connection->bufferedBytes != 0 &&
+        switch (connection->pause) {
+            case Pause::kForClient:
+                return connection->blockedSince <= longAgo;
+            case Pause::kForMemory:  // while it holds some: all of them may do so
+                return connection->bufferedBytes != 0 && connection->activeSince <= longAgo;
+            case Pause::kForRecord:
+                return false;
+            case Pause::kNone:
+                break;
+        }
+        return !connection->elsewhere && connection->bufferedBytes != 0 &&
                connection->recordNumber == connection->input.Number() &&
                connection->recordSince <= longAgo;
     };

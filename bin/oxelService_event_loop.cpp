@@ -83,7 +83,6 @@ bool EventLoop::Lead() {
         interrupted->Flush();
         MakeReady(interrupted);
     }
-    int64_t swept = now_;
     while (OxelServiceGlobals::exitProcess == 0) {
         TakeNews();
         Resume();
@@ -116,8 +115,8 @@ bool EventLoop::Lead() {
             if (!Turn(next)) return false;
         }
         if (number_ == 0) PrintPerfStatsIfAsked();
-        if (now_ != swept) {
-            swept = now_;
+        if (now_ != swept_) {
+            swept_ = now_;
             Sweep();
         }
     }

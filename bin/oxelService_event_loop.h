@@ -94,7 +94,7 @@ class EventLoop {
     CallInfo3* decoded_ = nullptr;         // to be handled here
     CallPace::Kind handled_{};             // what is handled here now
     uint64_t turnTook_ = 0;                // nanoseconds that calls have taken in this turn
-    int64_t now_ = 0;                      // seconds
+    int64_t now_ = 0, swept_ = 0;          // seconds
 
     Leadership leadership_;
 
