@@ -15,7 +15,12 @@
 ClientLimits ClientLimits::FromSettings() {
     static constexpr size_t kHeaderBytes = 8 << 10;
     static constexpr size_t kFragmentBytes = 256;
+    // RENAME and SYMLINK have two names or a path, however small transfers are.
+    static constexpr uint64_t kSmallestBound = 16 << 10;
+    // Some of the largest transfers under way are no attack.
+    static constexpr uint64_t kTransfersBuffered = 16;
     ClientLimits limits;
+    limits.bufferedBytes = std::max(limits.bufferedBytes, kTransfersBuffered * NFS3_MAXBUF_SIZE);
     XOPlatformInfo store;
     const auto read = [&store](const char* key, auto* value, unsigned unit) {
         unsigned number = 0;
@@ -28,7 +33,7 @@ ClientLimits ClientLimits::FromSettings() {
     read("nIdleSeconds", &limits.idleSeconds, 1);
     read("nSendSeconds", &limits.sendSeconds, 1);
     read("nMaxBufferedMB", &limits.bufferedBytes, 1u << 20);
-    limits.record.bytes = NFS3_MAXBUF_SIZE + kHeaderBytes;
+    limits.record.bytes = std::max(NFS3_MAXBUF_SIZE + kHeaderBytes, kSmallestBound);
     limits.record.fragments =
         std::max(limits.record.fragments, static_cast<unsigned>(NFS3_MAXBUF_SIZE / kFragmentBytes));
     return limits;

@@ -26,6 +26,7 @@ struct ClientLimits {
     // "nSendSeconds". For a client to take the replies that are queued for it.
     uint32_t sendSeconds = 60;
     // "nMaxBufferedMB", in bytes. Large records that are not whole, and queued replies, of all.
+    // Never less than sixteen of the largest transfers.
     uint64_t bufferedBytes = 64u << 20;
     // A WRITE of the largest transfer with its headers, and a fragment for each 256 bytes of the
     // default one.
