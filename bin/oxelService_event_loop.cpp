@@ -34,6 +34,10 @@ constexpr unsigned kTurnReads = 4;
 // Replies that go out before the turn ends.
 constexpr size_t kFlushBytes = 64 << 10;
 
+// A share whose disk does not answer holds one thread up for each procedure, until calls of that
+// kind are known to be long. They are made only then.
+constexpr unsigned kThreadsMost = 22 + 10;
+
 int64_t CoarseSeconds() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
@@ -67,7 +71,7 @@ bool EventLoop::Open() {
 void EventLoop::Run() {
     const std::string name = number_ == 0 ? "NFS" : "NFS" + std::to_string(number_ + 1);
     oxel::SetThreadName(name);
-    leadership_.Run([this] { return Lead(); }, gWorkerPool.maxCount() + 2, name);
+    leadership_.Run([this] { return Lead(); }, kThreadsMost, name);
 }
 
 void EventLoop::Wake() {

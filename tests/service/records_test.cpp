@@ -528,7 +528,7 @@ TEST(RecordBuffers, AreKeptWhileARecordIsUnderWay) {
     }
 }
 
-TEST(RecordBuffers, AreGivenBackByAReaderThatGoes) {
+TEST(RecordBuffers, AreGivenBackByAReaderThatStops) {
     BufferPool pool(kBounds.bytes);
     gBuffersMade = 0;
     for (int i = 0; i < 10; ++i) {
@@ -539,6 +539,7 @@ TEST(RecordBuffers, AreGivenBackByAReaderThatGoes) {
         RecordReader reader(kBounds, pool);
         ASSERT_EQ(reader.Look(), Found::kPartial);
         ASSERT_EQ(reader.Fill(server.Get()), Filled::kAll);
+        reader.Stop();
     }
     EXPECT_EQ(gBuffersMade, 1u);
 }
