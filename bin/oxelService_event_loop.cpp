@@ -61,9 +61,14 @@ bool EventLoop::Open() {
         event.data.ptr = who;
         return epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, fd, &event) == 0;
     };
-    const bool opened =
-        epoll_ && wake_ && watch(wake_.Get(), &wake_) &&
-        (number_ != 0 || (watch(WakeDescriptor(), nullptr) && watch(ListeningDescriptor(), this)));
+    bool opened = epoll_ && wake_ && watch(wake_.Get(), &wake_);
+    if (number_ == 0) {
+        XoCriticalSectionGuard lock(TransportTableLock());
+        // A start that failed has closed the listener.
+        const int listener = ListeningDescriptor();
+        opened =
+            opened && watch(WakeDescriptor(), nullptr) && (listener < 0 || watch(listener, this));
+    }
     if (!opened) OXEL_LOG(-1, "Error: Receive loop [%u] cannot be opened. [%m]", number_ + 1);
     return opened;
 }
@@ -105,6 +110,8 @@ bool EventLoop::Lead() {
                 ClearWake();
                 service_.WakeOtherLoops();
             } else if (who == this) {
+                // A start that fails may close the listener.
+                XoCriticalSectionGuard lock(TransportTableLock());
                 AcceptWaiting(ListeningDescriptor(), SOCK_NONBLOCK, [this](oxel::UniqueFd socket) {
                     service_.TakeIn(std::move(socket));
                 });

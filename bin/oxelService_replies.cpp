@@ -161,6 +161,10 @@ ReplyQueue::Sent ReplyQueue::Put(int fd, rpc_msg* message) {
     Reference reference;
     {
         XoCriticalSectionGuard hold(lock_);
+        if (failed_) {
+            errno = EPIPE;
+            return Sent::kFailed;
+        }
         const size_t before = queued_.Size();
         ReplyStream stream{queued_, before, !sending_ && !blocked_};
         if (!Encode(&stream, message)) {
@@ -211,6 +215,11 @@ ReplyQueue::Sent ReplyQueue::SendOut(int fd, Reference* reference) {
         } else if (sent == Sent::kBlocked) {
             blocked_ = true;
             Count(taken_.Size() - takenSent_ + queued_.Size());
+        } else {
+            failed_ = true;
+            taken_.Free();
+            queued_.Free();
+            queuedBytes_.store(0, std::memory_order_relaxed);
         }
         sending_ = false;
         errno = error;

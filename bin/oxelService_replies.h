@@ -46,7 +46,7 @@ class ReplyQueue {
         kAll,      // nothing is queued, or another thread is sending
         kQueued,   // for a later Flush()
         kBlocked,  // the socket is full: Continue() when it takes bytes again
-        kFailed,   // the client is gone; errno
+        kFailed,   // the client is gone, now or before; errno
         kEncode,   // the reply cannot be encoded, or memory is short; nothing is queued for it
     };
     // Encodes a reply as one record of one fragment. A large run of bytes in it (READ's data) is
@@ -84,6 +84,7 @@ class ReplyQueue {
     ReplyBytes taken_;      // that thread's; when blocked_, nobody's
     size_t takenSent_ = 0;
     std::atomic<bool> blocked_{false};  // written under lock_
+    bool failed_ = false;               // under lock_: part of a reply may be out, nothing follows
     std::atomic<size_t> queuedBytes_{0};
     uint64_t counted_ = 0;  // under lock_
 };
