@@ -171,6 +171,8 @@ bool EventLoop::Turn(EventConnection* connection) {
         if (!connection->elsewhere) StopReading(connection);
     }
     connection->Drop();
+    // Who leads now may wait for the call record that this thread has given back.
+    if (!leads && somePaused_) WakeReceiveLoop();
     return leads;
 }
 
@@ -198,7 +200,10 @@ bool EventLoop::ServeRecords(EventConnection* connection) {
                     PauseFor(Pause::kForMemory, connection);
                     return true;
                 }
-                switch (input.Fill(connection->Descriptor())) {
+                switch (
+                    input.Fill(connection->Descriptor(), BufferedTooMuch(limits_.record.bytes)
+                                                             ? RecordReader::Guess::kSmall
+                                                             : RecordReader::Guess::kLikeTheLast)) {
                     case RecordReader::Filled::kEnd:
                         EndedByClient(connection);
                         return true;

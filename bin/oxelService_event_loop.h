@@ -77,6 +77,7 @@ class EventLoop {
     // Whether the record under way may be read on; counts its bytes then.
     bool HasMemory(EventConnection* connection);
     void CountBuffered(EventConnection* connection, uint64_t bytes);
+    void CountHeld(EventConnection* connection);
     bool BufferedTooMuch(uint64_t more) const;
     void Sweep();
     void SweepOne(EventConnection* connection);

@@ -36,6 +36,8 @@ ClientLimits ClientLimits::FromSettings() {
     limits.record.bytes = std::max(NFS3_MAXBUF_SIZE + kHeaderBytes, kSmallestBound);
     limits.record.fragments =
         std::max(limits.record.fragments, static_cast<unsigned>(NFS3_MAXBUF_SIZE / kFragmentBytes));
+    // One that is larger would be waited for without end.
+    limits.bufferedBytes = std::max<uint64_t>(limits.bufferedBytes, limits.record.bytes);
     return limits;
 }
 

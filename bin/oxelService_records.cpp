@@ -31,7 +31,7 @@ BufferPool::BufferPool(size_t recordBytes)
       keptMax_(std::max<size_t>(1, kKeptBytes / bufferBytes_)) {}
 
 BufferPool::Buffer BufferPool::Take() {
-    if (kept_.empty()) return Buffer(new (std::nothrow) char[bufferBytes_]);
+    if (kept_.empty()) return {std::unique_ptr<char[]>(new (std::nothrow) char[bufferBytes_]), 0};
     Buffer buffer = std::move(kept_.back());
     kept_.pop_back();
     return buffer;
@@ -44,7 +44,7 @@ void BufferPool::Give(Buffer buffer) {
 
 bool RecordReader::Mark(uint32_t* mark) const {
     if (Unread() < kMarkBytes) return false;
-    memcpy(mark, buffer_.get() + next_, kMarkBytes);
+    memcpy(mark, buffer_.bytes.get() + next_, kMarkBytes);
     *mark = ntohl(*mark);
     return true;
 }
@@ -60,7 +60,8 @@ RecordReader::Found RecordReader::Look() {
         if (fragments_ == 0)
             payloadAt_ = next_ + kMarkBytes;
         else
-            memmove(Record() + payloadBytes_, buffer_.get() + next_ + kMarkBytes, fragmentBytes_);
+            memmove(Record() + payloadBytes_, buffer_.bytes.get() + next_ + kMarkBytes,
+                    fragmentBytes_);
         payloadBytes_ += fragmentBytes_;
         next_ += kMarkBytes + fragmentBytes_;
         fragmentBytes_ = 0;
@@ -79,9 +80,10 @@ void RecordReader::Consume() {
     if (next_ == end_) next_ = end_ = 0;
 }
 
-size_t RecordReader::BytesToAsk() const {
+size_t RecordReader::BytesToAsk(Guess guess) const {
     uint32_t mark;
     if (Mark(&mark)) return kMarkBytes + fragmentBytes_ - Unread() + kBeyondBytes;
+    if (guess == Guess::kSmall) return kUnknownBytes;
     // Clients send calls of one size for a while.
     return std::max(kUnknownBytes, std::min(lastRecordBytes_ + kBeyondBytes, bounds_.bytes));
 }
@@ -89,29 +91,30 @@ size_t RecordReader::BytesToAsk() const {
 void RecordReader::MakeRoom() {
     size_t to = 0;
     if (fragments_ != 0) {
-        memmove(buffer_.get(), Record(), payloadBytes_);
+        memmove(buffer_.bytes.get(), Record(), payloadBytes_);
         payloadAt_ = 0;
         to = payloadBytes_;
     }
-    memmove(buffer_.get() + to, buffer_.get() + next_, Unread());
+    memmove(buffer_.bytes.get() + to, buffer_.bytes.get() + next_, Unread());
     end_ = to + Unread();
     next_ = to;
 }
 
-RecordReader::Filled RecordReader::Fill(int fd) {
-    if (!buffer_) buffer_ = pool_.Take();
-    if (!buffer_) return Filled::kNoMemory;
-    size_t ask = BytesToAsk();
+RecordReader::Filled RecordReader::Fill(int fd, Guess guess) {
+    if (!buffer_.bytes) buffer_ = pool_.Take();
+    if (!buffer_.bytes) return Filled::kNoMemory;
+    size_t ask = BytesToAsk(guess);
     // A short beginning is moved in any case: the same few pages are used again and again then.
     if (next_ != 0 && (Unread() <= kBeyondBytes || pool_.BufferBytes() - end_ < ask)) MakeRoom();
     ask = std::min(ask, pool_.BufferBytes() - end_);
     ssize_t got;
     do {
-        got = recv(fd, buffer_.get() + end_, ask, MSG_DONTWAIT);
+        got = recv(fd, buffer_.bytes.get() + end_, ask, MSG_DONTWAIT);
     } while (got < 0 && errno == EINTR);
     if (got < 0) return errno == EAGAIN ? Filled::kAll : Filled::kEnd;
     if (got == 0) return Filled::kEnd;
     end_ += static_cast<size_t>(got);
+    buffer_.used = std::max(buffer_.used, end_);
     return static_cast<size_t>(got) < ask ? Filled::kAll : Filled::kMore;
 }
 

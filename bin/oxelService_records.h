@@ -18,7 +18,10 @@ struct RecordBounds {
 // Buffers of one size, kept for the next connection that has something to read. Not thread-safe.
 class BufferPool {
   public:
-    using Buffer = std::unique_ptr<char[]>;
+    struct Buffer {
+        std::unique_ptr<char[]> bytes;
+        size_t used = 0;  // from the beginning, ever: what it takes in memory
+    };
     // For records of at most `recordBytes`.
     explicit BufferPool(size_t recordBytes);
     size_t BufferBytes() const { return bufferBytes_; }
@@ -43,14 +46,16 @@ class RecordReader {
 
     enum class Filled { kAll, kMore, kEnd, kNoMemory };
     // Reads once from a socket, without waiting. kAll: the socket has no more now. kMore: it may
-    // have. kEnd: the client has closed or reset. Only after Look() said kPartial.
-    Filled Fill(int fd);
+    // have. kEnd: the client has closed or reset. Only after Look() said kPartial. What comes next
+    // is expected to be of the last record's size, or to be small.
+    enum class Guess { kLikeTheLast, kSmall };
+    Filled Fill(int fd, Guess guess = Guess::kLikeTheLast);
 
     enum class Found { kRecord, kPartial, kTooLong, kTooManyFragments };
     // Whether a whole record is there. kTooLong and kTooManyFragments are final.
     Found Look();
     // After kRecord: the record's payload, in one piece, until Consume().
-    char* Record() { return buffer_.get() + payloadAt_; }
+    char* Record() { return buffer_.bytes.get() + payloadAt_; }
     size_t RecordBytes() const { return payloadBytes_; }
     void Consume();
 
@@ -64,12 +69,14 @@ class RecordReader {
     uint64_t Number() const { return number_; }
     // What the record under way takes in memory, as far as its marks have told.
     size_t BytesExpected() const { return payloadBytes_ + fragmentBytes_; }
+    // What the buffer takes in memory, which larger records may have been in before.
+    size_t BytesHeld() const { return buffer_.bytes ? buffer_.used : 0; }
 
   private:
     size_t Unread() const { return end_ - next_; }
     // The next fragment's mark, when its four bytes are there.
     bool Mark(uint32_t* mark) const;
-    size_t BytesToAsk() const;
+    size_t BytesToAsk(Guess guess) const;
     // Moves what is there to the buffer's beginning.
     void MakeRoom();
 

@@ -44,13 +44,6 @@ RpcCall Call(uint32_t program, uint32_t version, uint32_t procedure, uint32_t xi
     return call;
 }
 
-// A call of `procedure` (1: GETATTR, 18 to 20: FSSTAT, FSINFO, PATHCONF) for the share's object.
-RpcCall OnObject(uint32_t procedure, uint32_t xid) {
-    RpcCall call = NfsService::Getattr(xid);
-    call.procedure = procedure;
-    return call;
-}
-
 RpcCall Read(uint32_t xid, uint32_t offset, uint32_t count) {
     RpcCall call = NfsService::Getattr(xid);
     call.procedure = 6;
@@ -231,8 +224,6 @@ TEST_IN_CHILD(EventCalls, AreFoundInAnyPieces) {
     MockShare share;
     HardenedServices services;
     RpcClient client = services.Connect();
-    const int on = 1;
-    ASSERT_EQ(setsockopt(client.fd(), IPPROTO_TCP, 1 /* TCP_NODELAY */, &on, sizeof on), 0);
     for (const char byte : NfsService::Getattr(3).Bytes()) client.Send(std::string(1, byte));
     EXPECT_EQ(client.Expect().xid, 3u);
     const std::string body = NfsService::Getattr(4).Bytes().substr(4);
@@ -276,77 +267,66 @@ TEST_IN_CHILD(EventCalls, OneThatBlocksStopsNeitherOthersNorLaterOnesOfItsConnec
     Gate gate(share);
     HardenedServices services;
     RpcClient client = services.Connect();
-    client.Send(NfsService::Getattr(1));
+    client.Send(Gate::Held(1));
     gate.WaitFor(1);
     for (int i = 0; i < 10; ++i) EXPECT_TRUE(services.Answers());
     for (int i = 0; i < 10; ++i) EXPECT_TRUE(services.Answers(client));
-    EXPECT_EQ(gate.Waiting(), 1u);
     gate.Open();
     EXPECT_EQ(client.Expect().xid, 1u);
 }
 
-// A disk that does not answer: calls of the same kind hold up one receiving thread at most.
-TEST_IN_CHILD(EventCalls, ThatBlockInAnyNumberDoNotStopOthers) {
+// A disk that does not answer: calls of one kind hold up one receiving thread at most.
+TEST_IN_CHILD(EventCalls, OfOneKindThatBlockGoToTheHandlerThreadsButForTheFirst) {
     MockShare share;
     Gate gate(share);
-    HardenedServices services("nMaxNFSRPCThread = 1\n");
+    HardenedServices services;
     std::vector<RpcClient> clients;
     for (uint32_t i = 0; i < 4; ++i) {
         clients.push_back(services.Connect());
-        clients.back().Send(NfsService::Getattr(i));
-        gate.WaitFor(1);
-        for (int n = 0; n < 5; ++n) EXPECT_TRUE(services.Answers());
+        clients.back().Send(Gate::Held(i));
+        gate.WaitFor(i + 1);
+        EXPECT_TRUE(services.Answers());
     }
+    const std::vector<std::string> threads = gate.Threads();
+    EXPECT_EQ(std::count_if(threads.begin(), threads.end(),
+                            [](const std::string& name) { return name.starts_with("NFS"); }),
+              1);
     gate.Open();
     for (uint32_t i = 0; i < 4; ++i) EXPECT_EQ(clients[i].Expect().xid, i);
 }
 
-TEST_IN_CHILD(EventCalls, OfAllKindsThatBlockDoNotStopOthers) {
+TEST_IN_CHILD(EventCalls, OfMoreKindsThanThereAreThreadsMayBlock) {
     MockShare share;
     Gate gate(share);
-    // Everything of that share hangs.
-    ON_CALL(*share.object, StatFs)
-        .WillByDefault([&](OxelCtxt* ctxt, const std::string&, struct statfs*) {
-            share.onStat(ctxt);
-            return 0;
-        });
-    ON_CALL(*share.object, PathConf).WillByDefault([&](OxelCtxt* ctxt, const std::string&, int) {
-        share.onStat(ctxt);
-        return 5L;
-    });
-    ON_CALL(*share.object, Open).WillByDefault([&](OxelCtxt* ctxt, const std::string&, int, int) {
-        share.onStat(ctxt);
-        return 1000;
-    });
-    HardenedServices services("nMaxNFSRPCThread = 2\n");
+    // Ten threads may receive; one of them does whatever hangs, and some handlers are left.
+    HardenedServices services("nMaxNFSRPCThread = 8\n");
     std::vector<RpcClient> clients;
-    for (const RpcCall& call : {OnObject(1, 1), OnObject(18, 2), OnObject(20, 3), Read(4, 0, 10)}) {
+    for (uint32_t i = 1; i <= 12; ++i) {
         clients.push_back(services.Connect());
-        clients.back().Send(call);
-        // It is read before the next client's: or that would not be served.
-        EXPECT_TRUE(services.Answers());
+        clients.back().Send(Gate::Held(i, i));
+        gate.WaitFor(i);
         EXPECT_TRUE(services.Answers());
     }
     gate.Open();
-    for (uint32_t i = 0; i < 4; ++i) EXPECT_EQ(clients[i].Expect().xid, i + 1);
+    for (uint32_t i = 1; i <= 12; ++i) EXPECT_EQ(clients[i - 1].Expect().xid, i);
 }
 
 TEST_IN_CHILD(EventCalls, OfOneConnectionLeaveCallRecordsForOthers) {
     MockShare share;
     Gate gate(share);
-    HardenedServices services("nMaxNFSRPCThread = 1\n");
-    ASSERT_EQ(gCallInfoPool.Total(), 5u);
+    HardenedServices services("nMaxNFSRPCThread = 4\n");
+    ASSERT_EQ(gCallInfoPool.Total(), 20u);
     RpcClient greedy = services.Connect();
     std::string calls;
-    for (uint32_t xid = 1; xid <= 30; ++xid) calls += NfsService::Getattr(xid).Bytes();
+    for (uint32_t xid = 1; xid <= 60; ++xid) calls += Gate::Held(xid).Bytes();
     greedy.Send(calls);
     gate.WaitFor(1);
     for (int i = 0; i < 20; ++i) {
-        EXPECT_TRUE(services.Answers());
-        EXPECT_GE(gCallInfoPool.Free(), 2u) << "besides the one that just answered";
+        EXPECT_TRUE(services.AnswersAnew());
+        EXPECT_GE(gCallInfoPool.Free(), 8u) << "but for the one that just answered";
     }
     gate.Open();
-    EXPECT_EQ(Replies(greedy, 30).size(), 30u);
+    EXPECT_EQ(Replies(greedy, 60).size(), 60u);
 }
 
 // Nobody is forgotten who has waited for a call record, whichever thread gives one back.
@@ -363,13 +343,48 @@ TEST_IN_CHILD(EventCalls, ThatWaitForACallRecordGetOne) {
         std::vector<RpcClient> clients;
         for (uint32_t i = 0; i < 30; ++i) {
             clients.push_back(HardenedServices::Connect());
-            clients.back().Send(NfsService::Getattr(i));
+            clients.back().Send(Gate::Held(i));
         }
         Eventually([] { return gCallInfoPool.Free() == 0; });
         gate.Open();
         for (uint32_t i = 0; i < 30; ++i) EXPECT_EQ(clients[i].Expect().xid, i);
         HardenedServices::WaitForCalls();
     }
+}
+
+// A thread that was held up and lost its place gives its call's record back like any other.
+TEST_IN_CHILD(EventCalls, GetTheCallRecordOfOneThatHeldItsThreadUp) {
+    MockShare share;
+    // Each caller has a gate of its own.
+    XoEvent gates[3] = {XoEvent(true), XoEvent(true), XoEvent(true)};
+    gates[0].set();
+    std::atomic<unsigned> waiting{0};
+    share.onStat = [&](OxelCtxt* ctxt) {
+        ++waiting;
+        gates[ctxt->id.uid].wait();
+    };
+    HardenedServices services("nMaxNFSRPCThread = 1\n");
+    EXPECT_TRUE(services.Answers());
+    std::vector<RpcClient> clients;
+    const auto call = [&](uint32_t uid) {
+        clients.push_back(services.Connect());
+        RpcCall getattr = NfsService::Getattr(1);
+        clients.back().Send(getattr.WithUnix(uid));
+    };
+    call(1);  // taken for a quick one
+    Eventually([&] { return waiting == 1; });
+    call(2);  // the only handler thread's
+    Eventually([&] { return waiting == 2; });
+    for (int i = 0; i < 3; ++i) call(2);  // wait for that thread
+    Eventually([] { return gCallInfoPool.Free() == 0; });
+    RpcClient waits = services.Connect();
+    waits.Send(oxel::test::GetattrOf(20, 0, 5));
+    // Makes it likely, no more, that it waits for a record by now.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    gates[1].set();
+    EXPECT_EQ(waits.Expect().xid, 5u);
+    gates[2].set();
+    for (RpcClient& client : clients) EXPECT_EQ(client.Expect().xid, 1u);
 }
 
 TEST_IN_CHILD(EventCalls, AClientThatDoesNotReadIsPausedAndServedOnWhenItReads) {
@@ -441,8 +456,8 @@ TEST_IN_CHILD(EventCalls, OfClientsThatHaveGoneAreFinishedForNobody) {
     // With the beginning of another record behind the calls.
     for (int i = 0; i < 6; ++i) {
         RpcClient client = services.Connect();
-        client.Send(NfsService::Getattr(1).Bytes() + NfsService::Getattr(2).Bytes() +
-                    NfsService::Null(3).Bytes() + NfsService::Getattr(4).Bytes().substr(0, 50));
+        client.Send(Gate::Held(1).Bytes() + Gate::Held(2).Bytes() + NfsService::Null(3).Bytes() +
+                    Gate::Held(4).Bytes().substr(0, 50));
         EXPECT_EQ(client.Expect().xid, 3u);
         if (i % 2 == 0)
             client.Reset();
@@ -493,7 +508,7 @@ TEST_IN_CHILD(EventCalls, UnderWayWhenTheServicesStopAreEnded) {
     std::vector<RpcClient> clients;
     for (uint32_t i = 0; i < 4; ++i) {
         clients.push_back(services.Connect());
-        clients.back().Send(NfsService::Getattr(i));
+        clients.back().Send(Gate::Held(i));
     }
     gate.WaitFor(2);
     RequestStop();
@@ -522,6 +537,27 @@ TEST_IN_CHILD(EventCalls, AnsweredOrNotTheServicesStopAtOnceInTheMiddleOfThem) {
     services.Stop();
     over = true;
     for (std::thread& client : clients) client.join();
+}
+
+TEST_IN_CHILD(EventCalls, EndWithAListenerThatAFailedStartHasTaken) {
+    oxel::test::PrivateRoot root(
+        "[Oxel]\nnHardened = 1\nnNfs3Port = 0\nnAllowOtherNFSServers = 1\n");
+    signal(SIGPIPE, SIG_IGN);
+    // Somebody else in this process has MOUNT 3 already, on a socket of the same kind.
+    CLuSocket other;
+    ASSERT_FALSE(other.Create(AF_INET6));
+    ASSERT_FALSE(other.Bind(CLuIPAddr()));
+    ASSERT_FALSE(other.Listen(1));
+    SVCXPRT* transport = svc_tli_create(other.GetDescriptor(), nullptr, nullptr, 0, 0);
+    ASSERT_NE(transport, nullptr);
+    ASSERT_TRUE(svc_reg(transport, kMount, 3, NfsDispatcher(), nullptr));
+    LogCapture log(1);
+    std::string failedStep;
+    EXPECT_TRUE(StartNetworkServices(failedStep));
+    EXPECT_TRUE(log.Has(-1, "Failed to Start mount service. Will exit.")) << log.Dump();
+    const std::vector<oxel::test::LogLine> errors = log.AtLevel(-1);
+    HardenedServices::Stop();
+    EXPECT_EQ(log.AtLevel(-1), errors) << log.Dump();
 }
 
 TEST_IN_CHILD(EventCalls, AreServedOnDescriptorsFrom1024On) {

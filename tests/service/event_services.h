@@ -4,9 +4,11 @@
 // a share whose every answer the test chooses.
 #pragma once
 
-#include <atomic>
+#include <netinet/tcp.h>
+
 #include <csignal>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -17,6 +19,14 @@
 namespace oxel::test {
 
 inline constexpr uint32_t kNfs = 100003, kMount = 100005;
+
+// GETATTR as some user, of an object in a share of that number (any is MockShare's). The numbers
+// below 64 are kinds of calls of their own, and the first call of a kind is taken for a quick one.
+inline RpcCall GetattrOf(uint32_t share, uint32_t uid, uint32_t xid) {
+    RpcCall call = NfsService::Getattr(xid);
+    call.arguments.replace(8, 4, Word(share));
+    return call.WithUnix(uid);
+}
 
 class HardenedServices {
   public:
@@ -49,6 +59,8 @@ class HardenedServices {
             EXPECT_EQ(
                 setsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUF, &receiveBytes, sizeof receiveBytes), 0);
         }
+        const int on = 1;  // what is sent later does not wait for what was sent before
+        EXPECT_EQ(setsockopt(fd.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on), 0);
         sockaddr_in6 six{};
         six.sin6_family = AF_INET6;
         six.sin6_addr = in6addr_loopback;
@@ -79,6 +91,14 @@ class HardenedServices {
         RpcClient client = Connect();
         return Answers(client);
     }
+    // As above, however slow NULL calls have been until now: by a call of a kind that there was
+    // none of. Forty times at most.
+    static bool AnswersAnew() {
+        static uint32_t share = 20;
+        RpcClient client = Connect();
+        const RpcReply reply = Ask(client, GetattrOf(share++, 0, 0x7778));
+        return share < 64 && reply.status == MSG_ACCEPTED && reply.accept == SUCCESS;
+    }
     static uint64_t Ended(EndReason reason) {
         return EndCounts()[static_cast<size_t>(reason)].second;
     }
@@ -87,28 +107,42 @@ class HardenedServices {
     PrivateRoot root_;
 };
 
-// A gate in the share's GETATTR: calls wait in it until it is opened.
+// A gate in GETATTR: calls of users other than root wait in it until it is opened.
 class Gate {
   public:
+    static constexpr uint32_t kHeldUser = 1;
+
     explicit Gate(MockShare& share) {
-        share.onStat = [this](OxelCtxt*) {
-            ++waiting_;
+        share.onStat = [this](OxelCtxt* ctxt) {
+            if (ctxt->id.uid == 0) return;
+            Note(ThreadName());
             open_.wait();
-            --waiting_;
         };
     }
     ~Gate() { Open(); }
     // From now on nobody waits any more.
     void Open() { open_.set(); }
-    // Returns when so many calls wait in it at least.
-    void WaitFor(unsigned calls) const {
-        Eventually([&] { return waiting_ >= calls; });
+    // Returns when so many calls have come to it at least.
+    void WaitFor(size_t calls) {
+        Eventually([&] { return Threads().size() >= calls; });
     }
-    unsigned Waiting() const { return waiting_; }
+    // Those of the calls that have come to it.
+    std::vector<std::string> Threads() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return threads_;
+    }
+    static RpcCall Held(uint32_t xid, uint32_t share = 1) {
+        return GetattrOf(share, kHeldUser, xid);
+    }
 
   private:
+    void Note(const std::string& thread) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        threads_.push_back(thread);
+    }
     XoEvent open_{true};
-    std::atomic<unsigned> waiting_{0};
+    std::mutex mutex_;
+    std::vector<std::string> threads_;  // guarded by mutex_
 };
 
 }  // namespace oxel::test

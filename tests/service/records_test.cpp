@@ -484,6 +484,32 @@ TEST(Records, UnderWayTellWhatTheyWillTake) {
     EXPECT_EQ(reading.reader.BytesExpected(), 0u);
 }
 
+TEST(Records, AreReadInSmallStepsWhereThatIsWanted) {
+    Reading reading;
+    reading.SendAndTake(Whole(Payload(100000)));
+    reading.Send(Whole(Payload(100000, 2)));
+    ASSERT_EQ(reading.reader.Look(), Found::kPartial);
+    EXPECT_EQ(reading.reader.Fill(reading.server.Get(), RecordReader::Guess::kSmall),
+              Filled::kMore);
+    EXPECT_EQ(reading.reader.Look(), Found::kPartial) << "its mark is known now";
+    EXPECT_TRUE(reading.Take());
+    EXPECT_EQ(reading.records.size(), 2u);
+}
+
+TEST(RecordBuffers, TellWhatTheyTakeInMemory) {
+    Reading reading;
+    EXPECT_EQ(reading.reader.BytesHeld(), 0u);
+    reading.SendAndTake(Whole("small") + Mark(kLast | 10) + "a");
+    EXPECT_EQ(reading.reader.BytesHeld(), 14u);
+    reading.SendAndTake("bcdefghij" + Whole(Payload(100000)) + "\x80");
+    EXPECT_GT(reading.reader.BytesHeld(), 100000u) << "though there is next to nothing in it now";
+    reading.reader.Discard();
+    EXPECT_EQ(reading.reader.BytesHeld(), 0u);
+    // The next one takes the same memory.
+    reading.SendAndTake("a");
+    EXPECT_GT(reading.reader.BytesHeld(), 100000u);
+}
+
 TEST(Records, WithoutMemoryNothingIsReadAndNothingIsLost) {
     Reading reading;
     reading.Send(Whole("patient"));

@@ -404,6 +404,27 @@ TEST(ReplyQueue, APeerThatGoesWhileTheSocketIsFullIsAFailure) {
     EXPECT_EQ(ReplyQueue::BytesBlocked(), 0u);
 }
 
+// The client may have part of a reply; what came next would be taken for the rest of it.
+TEST(ReplyQueue, NothingFollowsAFailure) {
+    Sending sending;
+    sending.client.Reset();
+    sending.PutAttributes(1);
+    EXPECT_EQ(sending.Flush(), Sent::kFailed);
+    sending.PutAttributes(2);
+    const Sending other;  // as if the socket worked again
+    GETATTR3res result = AttributesResult();
+    for (uint32_t xid = 3; xid <= 4; ++xid) {
+        rpc_msg message = Success(xid, xdr_GETATTR3res, &result);
+        errno = 0;
+        EXPECT_EQ(sending.queue.Put(other.server.Get(), &message), Sent::kFailed);
+        EXPECT_EQ(errno, EPIPE);
+        EXPECT_EQ(sending.queue.Flush(other.server.Get()), Sent::kAll);
+        EXPECT_EQ(sending.queue.Continue(other.server.Get()), Sent::kAll);
+    }
+    EXPECT_EQ(other.Receive(), "");
+    EXPECT_EQ(sending.queue.Queued(), 0u);
+}
+
 TEST(ReplyQueue, AReplyThatCannotBeEncodedLeavesTheOthersAlone) {
     std::string data = Payload(50000);
     const std::vector<std::function<bool_t(XDR*)>> broken = {
