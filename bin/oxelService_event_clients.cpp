@@ -56,7 +56,7 @@ void EventLoop::End(EventConnection* connection, EndReason reason, const std::st
     if (connection->ready) std::erase(ready_, connection);
     if (connection->pause != Pause::kNone) std::erase(paused_, connection);
     SetPause(connection, Pause::kNone);
-    if (!connection->elsewhere) connection->input.Stop();  // else the buffer is in use
+    if (!connection->elsewhere) connection->input.Discard();  // else the buffer is in use
     CountBuffered(connection, 0);
     connections_[connection->place] = connections_.back();
     connections_[connection->place]->place = connection->place;
@@ -99,28 +99,45 @@ void EventLoop::SweepOne(EventConnection* connection) {
     }
 }
 
-// Memory is short: it is taken from those who have held theirs without a sign of life.
+namespace {
+
+// Since when a connection has held memory without a sign of life.
+int64_t StalledSince(const EventConnection* connection) {
+    if (connection->pause == Pause::kForClient) return connection->blockedSince;
+    const bool stalls = connection->pause == Pause::kNone && !connection->elsewhere &&
+                        connection->bufferedBytes != 0 &&
+                        connection->recordNumber == connection->input.Number();
+    return stalls ? connection->recordSince : INT64_MAX;
+}
+
+// Since when a connection has held memory and waited for more.
+int64_t HeldSince(const EventConnection* connection) {
+    const bool holds = connection->pause == Pause::kForMemory && connection->bufferedBytes != 0;
+    return holds ? connection->activeSince : INT64_MAX;
+}
+
+}  // namespace
+
+// Memory is short: it is taken from those who have held theirs longest without a sign of life, or,
+// when there are none, from those who hold some and wait for more, as all of them may do. One for
+// each that waits.
 void EventLoop::EndStalled() {
     static constexpr int64_t kStalledSeconds = 1;
-    const auto stalls = [this](const EventConnection* connection) {
-        const int64_t longAgo = now_ - kStalledSeconds;
-        switch (connection->pause) {
-            case Pause::kForClient:
-                return connection->blockedSince <= longAgo;
-            case Pause::kForMemory:  // while it holds some: all of them may do so
-                return connection->bufferedBytes != 0 && connection->activeSince <= longAgo;
-            case Pause::kForRecord:
-                return false;
-            case Pause::kNone:
-                break;
-        }
-        return !connection->elsewhere && connection->bufferedBytes != 0 &&
-               connection->recordNumber == connection->input.Number() &&
-               connection->recordSince <= longAgo;
+    uint32_t wanted = std::max<uint32_t>(1, service_.waitingForMemory);
+    const auto oldestBy = [this](int64_t (*since)(const EventConnection*)) -> EventConnection* {
+        const auto oldest =
+            std::min_element(connections_.begin(), connections_.end(),
+                             [&](auto* one, auto* other) { return since(one) < since(other); });
+        const bool longAgo =
+            oldest != connections_.end() && since(*oldest) <= now_ - kStalledSeconds;
+        return longAgo ? *oldest : nullptr;
     };
-    for (size_t i = connections_.size(); i > 0; --i) {
-        if (stalls(connections_[i - 1]))
-            End(connections_[i - 1], EndReason::kBufferLimit,
-                "more than " + std::to_string(limits_.bufferedBytes >> 20) + " MiB are buffered");
-    }
+    do {
+        EventConnection* oldest = oldestBy(StalledSince);
+        if (oldest == nullptr) oldest = oldestBy(HeldSince);
+        if (oldest == nullptr) return;
+        End(oldest, EndReason::kBufferLimit,
+            "more than " + std::to_string(limits_.bufferedBytes >> 20) + " MiB are buffered");
+        --wanted;
+    } while ((wanted > 0 && service_.waitingForMemory != 0) || BufferedTooMuch(0));
 }

@@ -168,11 +168,12 @@ bool EventLoop::Turn(EventConnection* connection) {
     connection->Flush();
     if (leads) {
         current_ = nullptr;
-        if (!connection->elsewhere) StopReading(connection);
+        if (!connection->elsewhere) {
+            connection->input.Rest();
+            CountHeld(connection);
+        }
     }
     connection->Drop();
-    // Who leads now may wait for the call record that this thread has given back.
-    if (!leads && somePaused_) WakeReceiveLoop();
     return leads;
 }
 

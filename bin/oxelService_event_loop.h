@@ -69,7 +69,6 @@ class EventLoop {
     // Takes what other threads have for the loop.
     void TakeNews();
     void CameBack(EventConnection* connection);
-    void StopReading(EventConnection* connection);
     // Gives those a turn again that have what they were paused for.
     void Resume();
     // Whether a connection may have one of that many free call records.

@@ -17,6 +17,8 @@ namespace {
 
 // Records up to this size are not counted: connections are.
 constexpr size_t kSmallRecordBytes = 16 << 10;
+// Nor are buffers that were used for such only.
+constexpr size_t kSmallBufferBytes = 24 << 10;
 
 }  // namespace
 
@@ -109,13 +111,6 @@ void EventLoop::CameBack(EventConnection* connection) {
         MakeReady(connection);
 }
 
-// After a turn: what it holds of the daemon's memory it keeps only for a record under way.
-void EventLoop::StopReading(EventConnection* connection) {
-    if (connection->input.Begun()) return;
-    CountBuffered(connection, 0);
-    connection->input.Rest();
-}
-
 void EventLoop::Resume() {
     SetSomePaused(!paused_.empty());
     if (paused_.empty()) return;
@@ -156,4 +151,14 @@ void EventLoop::CountBuffered(EventConnection* connection, uint64_t bytes) {
     if (bytes == connection->bufferedBytes) return;
     service_.buffered += bytes - connection->bufferedBytes;
     connection->bufferedBytes = bytes;
+}
+
+// What a connection keeps until its next turn: its record under way, be it whole by now, and the
+// buffer that this is in.
+void EventLoop::CountHeld(EventConnection* connection) {
+    const size_t held = connection->input.BytesHeld();
+    if (held == 0)
+        CountBuffered(connection, 0);
+    else if (held > kSmallBufferBytes)
+        CountBuffered(connection, std::max<uint64_t>(connection->bufferedBytes, held));
 }

@@ -119,10 +119,13 @@ RecordReader::Filled RecordReader::Fill(int fd, Guess guess) {
 }
 
 void RecordReader::Rest() {
-    if (!Begun()) Stop();
+    if (!Begun()) Discard();
 }
 
-void RecordReader::Stop() {
+void RecordReader::Discard() {
     next_ = end_ = 0;
-    if (buffer_) pool_.Give(std::move(buffer_));
+    payloadBytes_ = fragmentBytes_ = 0;
+    fragments_ = 0;
+    whole_ = false;
+    if (buffer_.bytes) pool_.Give(std::move(buffer_));
 }

@@ -61,8 +61,8 @@ class RecordReader {
 
     // Gives the buffer back when there is nothing in it.
     void Rest();
-    // Gives the buffer back, whatever is in it: nothing more is read.
-    void Stop();
+    // Gives the buffer back, whatever is in it: nothing more is read of this record.
+    void Discard();
     // Whether a record has begun and is not whole.
     bool Begun() const { return end_ != next_ || fragments_ != 0; }
     // Which record is under way: 1 is the first.

@@ -565,7 +565,7 @@ TEST(RecordBuffers, AreGivenBackByAReaderThatStops) {
         RecordReader reader(kBounds, pool);
         ASSERT_EQ(reader.Look(), Found::kPartial);
         ASSERT_EQ(reader.Fill(server.Get()), Filled::kAll);
-        reader.Stop();
+        reader.Discard();
     }
     EXPECT_EQ(gBuffersMade, 1u);
 }
