@@ -73,8 +73,8 @@ inline int64_t ChangeTime(const struct stat& st) {
 }
 
 // A duplicate whose number no select() could watch, when there may be such numbers, else any: what
-// stays open as long as its share leaves the low numbers to connections. Empty with errno when there
-// is none.
+// stays open as long as its share leaves the low numbers to connections. Empty with errno when
+// there is none.
 UniqueFd DupAside(int fd);
 
 // Closes what is only kept open to save time, or half of it. Called when the process is out of
