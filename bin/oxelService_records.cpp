@@ -30,8 +30,12 @@ BufferPool::BufferPool(size_t recordBytes)
     : bufferBytes_(recordBytes + kMarkBytes + kUnknownBytes + kBeyondBytes),
       keptMax_(std::max<size_t>(1, kKeptBytes / bufferBytes_)) {}
 
+BufferPool::Buffer BufferPool::Make() const {
+    return {std::unique_ptr<char[]>(new (std::nothrow) char[bufferBytes_]), 0};
+}
+
 BufferPool::Buffer BufferPool::Take() {
-    if (kept_.empty()) return {std::unique_ptr<char[]>(new (std::nothrow) char[bufferBytes_]), 0};
+    if (kept_.empty()) return Make();
     Buffer buffer = std::move(kept_.back());
     kept_.pop_back();
     return buffer;
@@ -120,6 +124,17 @@ RecordReader::Filled RecordReader::Fill(int fd, Guess guess) {
 
 void RecordReader::Rest() {
     if (!Begun()) Discard();
+}
+
+void RecordReader::Shrink() {
+    if (!Begun() || payloadBytes_ + Unread() > kBeyondBytes) return;
+    BufferPool::Buffer smaller = pool_.Make();
+    if (!smaller.bytes) return;
+    MakeRoom();
+    memcpy(smaller.bytes.get(), buffer_.bytes.get(), end_);
+    smaller.used = end_;
+    std::swap(buffer_, smaller);
+    pool_.Give(std::move(smaller));
 }
 
 void RecordReader::Discard() {

@@ -27,6 +27,8 @@ class BufferPool {
     size_t BufferBytes() const { return bufferBytes_; }
     // Null when memory is short.
     Buffer Take();
+    // One that takes no memory yet.
+    Buffer Make() const;
     void Give(Buffer buffer);
 
   private:

@@ -313,7 +313,7 @@ TEST_IN_CHILD(EventLimits, BuffersOfLargeRecordsCountAsLongAsTheyAreHeld) {
         bounded.Settle();
     }
     RpcClient waits = HardenedServices::Connect();
-    std::thread sends([&] { waits.Send(Record(LongNull(200000, 5))); });
+    std::thread sends([&] { waits.Send(Record(LongNull(270000, 5))); });
     Eventually([&] {
         bounded.Pass(1);
         return !waits.Silent();
@@ -322,6 +322,28 @@ TEST_IN_CHILD(EventLimits, BuffersOfLargeRecordsCountAsLongAsTheyAreHeld) {
     sends.join();
     EXPECT_GE(bounded.Ended(EndReason::kBufferLimit), 1u);
     EXPECT_LT(bounded.Ended(EndReason::kBufferLimit), 5u) << "no more than it takes";
+}
+
+// Clients at work do not keep the memory of their large records from others.
+TEST_IN_CHILD(EventLimits, BuffersOfLargeRecordsAreGivenUpWhenMemoryIsShort) {
+    Bounded bounded("nMaxBufferedMB = 1\n");
+    std::vector<RpcClient> clients;
+    for (int i = 0; i < 5; ++i) {
+        clients.push_back(HardenedServices::Connect());
+        clients.back().Send(Record(LongNull(200000, 1)));
+        EXPECT_EQ(clients.back().Expect().xid, 1u);
+        clients.back().Send(NfsService::Null(2).Bytes().substr(0, 1));
+        bounded.Settle();
+    }
+    RpcClient waits = HardenedServices::Connect();
+    std::thread sends([&] { waits.Send(Record(LongNull(270000, 5))); });
+    for (RpcClient& client : clients) {
+        client.Send(NfsService::Null(2).Bytes().substr(1) + "\x80");
+        EXPECT_EQ(client.Expect().xid, 2u);
+    }
+    EXPECT_EQ(waits.Expect().xid, 5u);
+    sends.join();
+    EXPECT_EQ(bounded.Ended(EndReason::kBufferLimit), 0u);
 }
 
 TEST_IN_CHILD(EventLimits, ARecordThatIsLargerThanTheMemoryIsServedAllTheSame) {
