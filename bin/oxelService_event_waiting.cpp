@@ -156,9 +156,13 @@ void EventLoop::CountBuffered(EventConnection* connection, uint64_t bytes) {
 // What a connection keeps until its next turn: its record under way, be it whole by now, and the
 // buffer that this is in.
 void EventLoop::CountHeld(EventConnection* connection) {
-    const size_t held = connection->input.BytesHeld();
-    if (held == 0)
-        CountBuffered(connection, 0);
-    else if (held > kSmallBufferBytes)
-        CountBuffered(connection, std::max<uint64_t>(connection->bufferedBytes, held));
+    RecordReader& input = connection->input;
+    if (input.BytesHeld() > kSmallBufferBytes && BufferedTooMuch(limits_.record.bytes))
+        input.Shrink();
+    uint64_t held = input.BytesHeld();
+    if (held <= kSmallBufferBytes) held = 0;
+    // As far as HasMemory() has granted it.
+    uint64_t expected = std::min<uint64_t>(input.BytesExpected(), connection->bufferedBytes);
+    if (expected <= kSmallRecordBytes) expected = 0;
+    CountBuffered(connection, std::max(held, expected));
 }

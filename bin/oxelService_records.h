@@ -63,6 +63,9 @@ class RecordReader {
 
     // Gives the buffer back when there is nothing in it.
     void Rest();
+    // Exchanges a buffer that large records were in for one that takes no memory yet, when only the
+    // beginning of a record is in it.
+    void Shrink();
     // Gives the buffer back, whatever is in it: nothing more is read of this record.
     void Discard();
     // Whether a record has begun and is not whole.
