@@ -28,7 +28,12 @@ void EventLoop::Leave(const AddressKey& address) {
 void EventLoop::Adopt(oxel::UniqueFd socket, const AddressKey& address) {
     // The library's own buffers are never used.
     static constexpr unsigned kLibraryBufferBytes = 4096;
-    SVCXPRT* transport = MakeTransport(std::move(socket), kLibraryBufferBytes, kLibraryBufferBytes);
+    SVCXPRT* transport;
+    {
+        // The library's table of transports grows in here, and is looked at.
+        XoCriticalSectionGuard lock(TransportTableLock());
+        transport = MakeTransport(std::move(socket), kLibraryBufferBytes, kLibraryBufferBytes);
+    }
     EventConnection* connection =
         transport != nullptr
             ? EventConnection::Guard(transport, *this, address, limits_.record, buffers_)
@@ -119,8 +124,7 @@ int64_t HeldSince(const EventConnection* connection) {
 }  // namespace
 
 // Memory is short: it is taken from those who have held theirs longest without a sign of life, or,
-// when there are none, from those who hold some and wait for more, as all of them may do. One for
-// each that waits.
+// when all that is held is held by those who wait for more, from these. One for each that waits.
 void EventLoop::EndStalled() {
     static constexpr int64_t kStalledSeconds = 1;
     uint32_t wanted = std::max<uint32_t>(1, service_.waitingForMemory);
@@ -133,8 +137,9 @@ void EventLoop::EndStalled() {
         return longAgo ? *oldest : nullptr;
     };
     do {
-        EventConnection* oldest = oldestBy(StalledSince);
-        if (oldest == nullptr) oldest = oldestBy(HeldSince);
+        const bool allWait =
+            service_.heldByWaiting == service_.buffered + ReplyQueue::BytesBlocked();
+        EventConnection* oldest = oldestBy(allWait ? HeldSince : StalledSince);
         if (oldest == nullptr) return;
         End(oldest, EndReason::kBufferLimit,
             "more than " + std::to_string(limits_.bufferedBytes >> 20) + " MiB are buffered");

@@ -68,6 +68,7 @@ class EventService : public Carrier {
     ClientTable clients;
     std::atomic<uint64_t> buffered{0};          // bytes of large records that are not whole
     std::atomic<uint32_t> waitingForMemory{0};  // connections
+    std::atomic<uint64_t> heldByWaiting{0};     // bytes of `buffered` that are those connections'
     std::atomic<uint32_t> pausedLoops{0};       // that have connections waiting for a record
 
   private:

@@ -23,8 +23,14 @@ constexpr size_t kSmallBufferBytes = 24 << 10;
 }  // namespace
 
 void EventLoop::SetPause(EventConnection* connection, Pause reason) {
-    if (connection->pause == Pause::kForMemory) --service_.waitingForMemory;
-    if (reason == Pause::kForMemory) ++service_.waitingForMemory;
+    if (connection->pause == Pause::kForMemory) {
+        --service_.waitingForMemory;
+        service_.heldByWaiting -= connection->bufferedBytes;
+    }
+    if (reason == Pause::kForMemory) {
+        ++service_.waitingForMemory;
+        service_.heldByWaiting += connection->bufferedBytes;
+    }
     connection->pause = reason;
 }
 
@@ -150,6 +156,8 @@ bool EventLoop::HasMemory(EventConnection* connection) {
 void EventLoop::CountBuffered(EventConnection* connection, uint64_t bytes) {
     if (bytes == connection->bufferedBytes) return;
     service_.buffered += bytes - connection->bufferedBytes;
+    if (connection->pause == Pause::kForMemory)
+        service_.heldByWaiting += bytes - connection->bufferedBytes;
     connection->bufferedBytes = bytes;
 }
 
