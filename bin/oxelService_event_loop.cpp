@@ -249,8 +249,13 @@ bool EventLoop::ServeRecords(EventConnection* connection) {
 }
 
 bool EventLoop::Handle(CallInfo3* call) {
+    const CallPace::Kind kind = CallPace::KindOf(call);
+    // With all handler threads at work, maybe for a disk that does not answer, a call that was
+    // taken for a slow one by chance would wait for them.
+    const bool quick = service_.pace.IsQuick(kind) ||
+                       (service_.pace.MayBeQuick(kind) && gWorkerPool.queued() != 0);
     // The last thread that can receive handles nothing: all the others are held up already.
-    if (leadership_.Watched() && service_.pace.IsQuick(CallPace::KindOf(call))) {
+    if (quick && leadership_.Watched()) {
         decoded_ = call;  // once the library is done with the record
         return true;
     }

@@ -24,6 +24,11 @@ class CallPace {
     bool IsQuick(Kind kind) const {
         return scores_[kind.slot].load(std::memory_order_relaxed) < kSlow;
     }
+    // Slow by one long call only, which may have been chance: the thread had to wait for a
+    // processor.
+    bool MayBeQuick(Kind kind) const {
+        return scores_[kind.slot].load(std::memory_order_relaxed) < 2 * kLongCall;
+    }
     // A call of that kind was handled within so many nanoseconds.
     void Learn(Kind kind, uint64_t nanoseconds);
     // A call of that kind is taking long and has not ended.

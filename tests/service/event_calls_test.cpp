@@ -455,9 +455,10 @@ TEST_IN_CHILD(EventCalls, OfClientsThatHaveGoneAreFinishedForNobody) {
     Gate gate(share);
     HardenedServices services;
     // With the beginning of another record behind the calls.
-    for (int i = 0; i < 6; ++i) {
+    for (uint32_t i = 0; i < 6; ++i) {
         RpcClient client = services.Connect();
-        client.Send(Gate::Held(1).Bytes() + Gate::Held(2).Bytes() + NfsService::Null(3).Bytes() +
+        client.Send(Gate::Held(1).Bytes() + Gate::Held(2).Bytes() +
+                    oxel::test::GetattrOf(50 + i, 0, 3).Bytes() +
                     Gate::Held(4).Bytes().substr(0, 50));
         EXPECT_EQ(client.Expect().xid, 3u);
         if (i % 2 == 0)
@@ -465,7 +466,7 @@ TEST_IN_CHILD(EventCalls, OfClientsThatHaveGoneAreFinishedForNobody) {
         else
             client.Close();
     }
-    EXPECT_TRUE(services.Answers());
+    EXPECT_TRUE(services.AnswersAnew());
     gate.Open();
     // Meanwhile others are served, with buffers of the same pool.
     for (int i = 0; i < 20; ++i) {
