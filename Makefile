@@ -3,14 +3,14 @@
 SHELL := /bin/bash
 .SHELLFLAGS := -eu -o pipefail -c
 .DEFAULT_GOAL := help
-.PHONY: help deps build run test asan tsan integrity bench format clean
+.PHONY: help deps build run test asan tsan integrity bench bench-scale format clean
 
 DIR ?=
 PORT ?=
 SECONDS ?= 600
 
 help: ## List the targets
-	@awk -F':.*## ' '/^[a-z]+:.*## / {printf "  make %-9s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
+	@awk -F':.*## ' '/^[a-z-]+:.*## / {printf "  make %-11s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
 
 deps:
 	@scripts/install-packages.sh
@@ -34,8 +34,11 @@ tsan: deps ## The same tests under the thread sanitizer
 integrity: deps ## Data integrity for long, with all three builds: make integrity SECONDS=600
 	@scripts/integrity.sh "$(SECONDS)"
 
-bench: deps ## Measure: server CPU per call, entries per second (docs/benchmarks.md)
+bench: deps ## Measure beside nfs-ganesha and write docs/benchmarks.md: 15 minutes
 	@scripts/bench.sh
+
+bench-scale: deps ## Measure with many connections, files and shares: 10 minutes
+	@scripts/bench.sh --scale
 
 format: ## Format the sources
 	@git ls-files '*.h' '*.cpp' | xargs clang-format -i

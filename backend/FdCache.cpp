@@ -43,7 +43,8 @@ void FdCache::Init(int size) {
 
 int FdCache::Use(const std::shared_ptr<CachedFdItem>& item) {
     const int fd = item->fd.Get();
-    auto& use = inUse_[fd];
+    if (inUse_.size() <= static_cast<size_t>(fd)) inUse_.resize(static_cast<size_t>(fd) + 1);
+    auto& use = inUse_[static_cast<size_t>(fd)];
     if (use.second == 0) use.first = item;
     ++use.second;
     item->usedMs.store(NowMs(), std::memory_order_relaxed);
@@ -60,7 +61,7 @@ int FdCache::Acquire(const CacheKey& key) {
 int FdCache::Add(const CacheKey& key, oxel::UniqueFd fd) {
     // Declared first, so that they die after the section is left.
     std::vector<std::shared_ptr<CachedFdItem>> evicted;
-    auto item = std::make_shared<CachedFdItem>(std::move(fd));
+    auto item = std::make_shared<CachedFdItem>(std::move(fd), OpenOn(key.device, key.inode));
     std::shared_ptr<CachedFdItem> known;
     XoCriticalSectionGuard guard(section_);
     if (list_.find(key, &known)) return Use(known);
@@ -73,16 +74,20 @@ int FdCache::Add(const CacheKey& key, oxel::UniqueFd fd) {
 bool FdCache::Release(int fd) {
     std::shared_ptr<CachedFdItem> last;
     XoCriticalSectionGuard guard(section_);
-    auto use = inUse_.find(fd);
-    if (use == inUse_.end()) return false;
-    if (--use->second.second == 0) {
-        last = std::move(use->second.first);
-        inUse_.erase(use);
-    }
+    if (fd < 0 || static_cast<size_t>(fd) >= inUse_.size()) return false;
+    auto& use = inUse_[static_cast<size_t>(fd)];
+    if (use.second == 0) return false;
+    if (--use.second == 0) last = std::move(use.first);
     return true;
 }
 
+std::atomic<unsigned>& FdCache::OpenOn(uint64_t device, uint64_t inode) {
+    const uint64_t hash = (inode ^ device << 40) * 0x9e3779b97f4a7c15;
+    return openOn_[(hash >> 32) % kOpenOn];
+}
+
 void FdCache::Forget(uint64_t device, uint64_t inode) {
+    if (OpenOn(device, inode).load() == 0) return;
     list_.eraseIf([&](const CacheKey& key, const auto&) {
         return key.inode == inode && key.device == device;
     });

@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -35,8 +34,15 @@ struct std::hash<CacheKey> {
 
 // Closed when the last holder lets go: the cache, or a call that uses it.
 struct CachedFdItem {
-    explicit CachedFdItem(oxel::UniqueFd descriptor) : fd(std::move(descriptor)) {}
+    CachedFdItem(oxel::UniqueFd descriptor, std::atomic<unsigned>& openOn)
+        : fd(std::move(descriptor)), count(openOn) {
+        count.fetch_add(1);
+    }
+    ~CachedFdItem() { count.fetch_sub(1); }
+    CachedFdItem(const CachedFdItem&) = delete;
+    CachedFdItem& operator=(const CachedFdItem&) = delete;
     oxel::UniqueFd fd;
+    std::atomic<unsigned>& count;    // of those that are open on the object
     std::atomic<int64_t> usedMs{0};  // of a clock that never goes back
 };
 
@@ -67,14 +73,20 @@ class FdCache {
 
   private:
     int Use(const std::shared_ptr<CachedFdItem>& item) REQUIRES(section_);
+    // Counts the descriptors that are open on an object, or on others with the same hash.
+    std::atomic<unsigned>& OpenOn(uint64_t device, uint64_t inode);
+
+    // Most of the objects that are removed or changed have no descriptor here; this tells without a
+    // walk through the list.
+    static constexpr size_t kOpenOn = 4096;
+    std::atomic<unsigned> openOn_[kOpenOn] = {};
 
     mutable XoCriticalSection section_;
     int capacity_ GUARDED_BY(section_) = 0;
     unsigned long entries_ GUARDED_BY(section_) = 0;  // descriptors added since Init
     LruCache<CacheKey, std::shared_ptr<CachedFdItem>> list_;
-    // Descriptors acquired by calls, with how often.
-    std::unordered_map<int, std::pair<std::shared_ptr<CachedFdItem>, unsigned>> inUse_
-        GUARDED_BY(section_);
+    // Descriptors acquired by calls, by their number, with how often.
+    std::vector<std::pair<std::shared_ptr<CachedFdItem>, unsigned>> inUse_ GUARDED_BY(section_);
 };
 
 extern FdCache gFdCache;

@@ -36,6 +36,18 @@ class LruCache {
         return true;
     }
 
+    // Runs `visit(value)` on the value, which becomes the most recently used; false when there is
+    // none. The mutex is held meanwhile.
+    template <typename Visit>
+    bool with(const Key& key, Visit visit) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = index_.find(key);
+        if (it == index_.end()) return false;
+        order_.splice(order_.begin(), order_, it->second);
+        visit(it->second->value);
+        return true;
+    }
+
     // Puts or replaces; `size` counts against the limit. What no longer fits is dropped, oldest
     // first; a limit of 0 keeps nothing. A caller that holds a lock of its own takes what was
     // dropped through `out` and lets it die later.

@@ -6,8 +6,12 @@
 #include "base/perf_counter.h"
 
 #include <time.h>
+#if defined(__x86_64__)
+#include <x86intrin.h>
+#endif
 
 #include <algorithm>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -139,10 +143,54 @@ void AddOwned(std::atomic<T>& value, T more) {
 
 }  // namespace
 
-uint64_t MonotonicNanoseconds() {
+namespace {
+
+uint64_t ClockNanoseconds() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
+}
+
+#if defined(__x86_64__)
+
+// Stages are timed a dozen times a call, and asking the clock made a tenth of a small call's cost.
+// Where the kernel itself trusts the processor's counter, that is read instead, in units found out
+// over the first moments of the process.
+struct CounterClock {
+    const bool trusted = [] {
+        std::ifstream source("/sys/devices/system/clocksource/clocksource0/current_clocksource");
+        std::string name;
+        return source >> name && name == "tsc";
+    }();
+    const uint64_t ticks = __rdtsc();
+    const uint64_t nanoseconds = ClockNanoseconds();
+    std::atomic<uint64_t> nanosecondsPerTick{0};  // times 2^32; 0: not known yet
+};
+CounterClock gCounterClock;
+
+constexpr uint64_t kCalibrationNanoseconds = 20'000'000;
+
+#endif
+
+}  // namespace
+
+uint64_t MonotonicNanoseconds() {
+#if defined(__x86_64__)
+    CounterClock& counter = gCounterClock;
+    using Wide = unsigned __int128;
+    if (const uint64_t unit = counter.nanosecondsPerTick.load(std::memory_order_relaxed))
+        return counter.nanoseconds +
+               static_cast<uint64_t>((Wide{__rdtsc() - counter.ticks} * unit) >> 32);
+    const uint64_t now = ClockNanoseconds();
+    const uint64_t passed = now - counter.nanoseconds;
+    if (counter.trusted && passed > kCalibrationNanoseconds)
+        counter.nanosecondsPerTick.store(
+            static_cast<uint64_t>((Wide{passed} << 32) / (__rdtsc() - counter.ticks)),
+            std::memory_order_relaxed);
+    return now;
+#else
+    return ClockNanoseconds();
+#endif
 }
 
 void PerfAdd(const char* name, unsigned id, uint64_t nanoseconds, uint64_t bytes) {

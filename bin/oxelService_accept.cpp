@@ -102,10 +102,12 @@ SVCXPRT* MakeTransport(oxel::UniqueFd socket, unsigned sendBytes, unsigned recei
 
     SVCXPRT* transport = svc_fd_create(socket.Get(), sendBytes, receiveBytes);
     if (transport == nullptr && IsRegistered(socket.Get())) {
-        // It failed after it had registered the descriptor: the library finds the end of the stream
+        // It failed after it had registered the descriptor. The library reads on, calls that have
+        // come included (which the dispatchers leave alone), until it finds the end of the stream
         // and destroys what there is.
-        (void)shutdown(socket.Get(), SHUT_RDWR);
-        svc_getreq_common(socket.Release());
+        const int fd = socket.Release();
+        (void)shutdown(fd, SHUT_RDWR);
+        while (IsRegistered(fd)) svc_getreq_common(fd);
         return nullptr;
     }
     if (transport != nullptr) (void)socket.Release();  // the library's from here

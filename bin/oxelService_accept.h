@@ -16,7 +16,7 @@ void AcceptWaiting(int listener, int flags, const std::function<void(oxel::Uniqu
 
 // The library's transport for an accepted socket, which is the library's from here, with buffers of
 // that many bytes. Null, and the socket closed, when its client has reset already or memory is
-// short. Receive thread.
+// short. A receive thread, under TransportTableLock().
 SVCXPRT* MakeTransport(oxel::UniqueFd socket, unsigned sendBytes, unsigned receiveBytes);
 
 // Takes a descriptor into reserve, to be given up for a moment when there is no other for a

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <iterator>
 #include <new>
 #include <type_traits>
 
@@ -82,10 +83,12 @@ void CallInfo3::Reset() noexcept {
     exportPtr.reset();
     replyBytes = 0;
     ZeroCall();
+    clear_ = true;
 }
 
 void CallInfo3::ClearCall() {
-    ZeroCall();
+    if (!clear_) ZeroCall();
+    clear_ = false;
     FitArgumentArea();
 }
 
@@ -169,6 +172,13 @@ void TMemPool<T>::Push(T* record) {
 }
 
 template <typename T>
+T* TMemPool<T>::Take(typename std::list<T*>::iterator node) {
+    T* record = *node;
+    spareNodes_.splice(spareNodes_.end(), free_, node);
+    return record;
+}
+
+template <typename T>
 T* TMemPool<T>::Pop() {
     lock_.enter();
     while (free_.empty()) {
@@ -178,12 +188,17 @@ T* TMemPool<T>::Pop() {
         lock_.enter();
         --waiters_;
     }
-    T* record = free_.front();
-    spareNodes_.splice(spareNodes_.end(), free_, free_.begin());
+    T* record = Take(free_.begin());
     const bool passOn = waiters_ != 0 && !free_.empty();
     lock_.leave();
     if (passOn) available_.set();
     return record;
+}
+
+template <typename T>
+T* TMemPool<T>::TryPopRecent() {
+    XoCriticalSectionGuard hold(lock_);
+    return free_.empty() ? nullptr : Take(std::prev(free_.end()));
 }
 
 template <typename T>

@@ -132,6 +132,7 @@ struct CallInfo3 {
     uint64_t argumentBytes_ = 0;
     char* readBuffer_ = nullptr;
     uint64_t readBufferBytes_ = 0;
+    bool clear_ = false;  // nothing has touched the areas since Reset()
     char machineName_[256] = {};
 };
 
@@ -153,12 +154,17 @@ class TMemPool {
     // Takes the record that has been free longest; blocks while there is none: the back-pressure of
     // the NFS service is that the receive thread stops here.
     T* Pop();
+    // Takes the record that was given back last, whose memory the caches still hold. Null when
+    // there is none.
+    T* TryPopRecent();
 
     // Records made by Init, and those of them that are free now.
     size_t Total() const;
     size_t Free() const;
 
   private:
+    T* Take(typename std::list<T*>::iterator node) REQUIRES(lock_);
+
     mutable XoCriticalSectionH lock_;
     std::list<T*> free_ GUARDED_BY(lock_);
     std::list<T*> spareNodes_ GUARDED_BY(lock_);  // list nodes of records that are out

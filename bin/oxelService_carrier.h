@@ -17,6 +17,8 @@ class Carrier {
     // The receive loop: accepts, reads, and feeds every call to the dispatchers through the RPC
     // library, until the stop flag is set. Receive thread.
     virtual void Receive() = 0;
+    // A record for the call that is being dispatched; blocks while there is none.
+    virtual CallInfo3* TakeRecord() = 0;
     // A copy of an accepted transport for the call that was read from it last, kept with the record
     // from call to call: `copy` re-armed, or a new one when it is null. Null when memory is short.
     virtual SVCXPRT* Copy(SVCXPRT* transport, SVCXPRT* copy) = 0;

@@ -12,7 +12,7 @@
 #include "bin/oxelService_transport.h"
 
 std::atomic<uint64_t> Connection::count_{0};
-const TransportOperations* Connection::libraryOperations_ = nullptr;
+std::atomic<const TransportOperations*> Connection::libraryOperations_{nullptr};
 
 Connection* Connection::Guard(SVCXPRT* transport) {
     Connection* guard = new (std::nothrow) Connection(transport);
@@ -29,7 +29,7 @@ Connection* Connection::Guard(SVCXPRT* transport) {
 }
 
 void Connection::TakeCharge(const TransportOperations* operations) {
-    if (libraryOperations_ == nullptr) libraryOperations_ = transport_->xp_ops;
+    libraryOperations_.store(transport_->xp_ops, std::memory_order_relaxed);
     transport_->xp_p2 = this;
     transport_->xp_ops = operations;
     count_.fetch_add(1, std::memory_order_relaxed);
@@ -39,7 +39,7 @@ void Connection::Drop() {
     if (references_.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     // The library's table no longer knows the transport, and the descriptor was open until now, so
     // its number cannot have gone to anybody else.
-    transport_->xp_ops = libraryOperations_;
+    transport_->xp_ops = libraryOperations_.load(std::memory_order_relaxed);
     transport_->xp_p2 = nullptr;
     transport_->xp_fd = oxel::GiveLowDescriptorBack(transport_->xp_fd);
     SVC_DESTROY(transport_);
@@ -56,7 +56,8 @@ bool_t Connection::Reply(SVCXPRT* transport, rpc_msg* message) {
         errno = EPIPE;
         return FALSE;
     }
-    if (!libraryOperations_->xp_reply(transport, message)) return FALSE;
+    if (!libraryOperations_.load(std::memory_order_relaxed)->xp_reply(transport, message))
+        return FALSE;
     // The library does not look at the result of the last write of a reply.
     return static_cast<tcp_conn*>(transport->xp_p1)->strm_stat != XPRT_DIED;
 }

@@ -55,15 +55,14 @@ class Connection {
     bool Dead() const { return dead_.load(std::memory_order_acquire); }
     // Besides the library's. Exact for the receive thread as an upper bound.
     uint32_t CallsInFlight() const { return references_.load(std::memory_order_relaxed) - 1; }
-    // What the library itself does with an accepted transport.
-    static const TransportOperations* LibraryOperations() { return libraryOperations_; }
 
   private:
     static bool_t Reply(SVCXPRT* transport, rpc_msg* message);
     static void Destroy(SVCXPRT* transport);
 
     static std::atomic<uint64_t> count_;
-    static const TransportOperations* libraryOperations_;
+    // What the library itself does with an accepted transport: one table for all of them.
+    static std::atomic<const TransportOperations*> libraryOperations_;
 
     SVCXPRT* const transport_;
     std::atomic<uint32_t> references_{1};  // the library's

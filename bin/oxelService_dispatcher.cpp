@@ -232,7 +232,7 @@ static void Nfs3Dispatcher(svc_req* request, SVCXPRT* transport) {
     CallInfo3* call = nullptr;
     bool handedOn = false;
     try {
-        call = gCallInfoPool.Pop();
+        call = CarrierInUse().TakeRecord();
         if (!Dispatch(call, request, transport, &handedOn)) return;
     } catch (const std::bad_alloc&) {
         OXEL_LOG(-1, "Error: [new] failed.");

@@ -4,12 +4,14 @@
 // queue, and never touches the socket.
 #include "bin/oxelService_event.h"
 
+#include <arpa/inet.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <new>
 
+#include "backend/OxelServiceGlobals.h"
 #include "bin/oxelService_event_loop.h"
 #include "bin/oxelService_transport.h"
 #include "net/CLuIPAddr.h"
@@ -17,20 +19,19 @@
 const TransportOperations EventConnection::kOperations = {Receive, Stat,          GetArguments,
                                                           Reply,   FreeArguments, Destroy};
 
-EventConnection::EventConnection(SVCXPRT* transport, EventLoop& loop, const RecordBounds& bounds,
-                                 BufferPool& pool)
+EventConnection::EventConnection(SVCXPRT* transport, EventLoop& loop, const AddressKey& address,
+                                 const RecordBounds& bounds, BufferPool& pool)
     : Connection(transport),
       input(bounds, pool),
       loop_(loop),
-      address_(CLuIPAddr(transport->xp_raddr).GetAddressString()) {
-    const XOIPAddr address{CLuIPAddr(transport->xp_raddr)};
-    std::copy_n(address.bytes(), addressKey_.size(), addressKey_.begin());
-}
+      address_(CLuIPAddr(transport->xp_raddr).GetAddressString()),
+      from_(address) {}
 
 EventConnection* EventConnection::Guard(SVCXPRT* transport, EventLoop& loop,
-                                        const RecordBounds& bounds, BufferPool& pool) {
+                                        const AddressKey& address, const RecordBounds& bounds,
+                                        BufferPool& pool) {
     try {
-        auto* connection = new EventConnection(transport, loop, bounds, pool);
+        auto* connection = new EventConnection(transport, loop, address, bounds, pool);
         connection->TakeCharge(&kOperations);
         return connection;
     } catch (const std::bad_alloc&) {
@@ -38,9 +39,17 @@ EventConnection* EventConnection::Guard(SVCXPRT* transport, EventLoop& loop,
     }
 }
 
-bool EventConnection::Dispatch() {
+void EventConnection::Dispatch() {
     svc_getreq_common(Descriptor());
-    return !notACall_;
+}
+
+bool EventConnection::IsMountCall() {
+    // | xid | CALL | RPC version | program | (RFC 5531 section 9)
+    static constexpr size_t kProgramAt = 12;
+    uint32_t program;
+    if (input.RecordBytes() < kProgramAt + sizeof program) return false;
+    memcpy(&program, input.Record() + kProgramAt, sizeof program);
+    return ntohl(program) == OxelServiceGlobals::mountProgram;
 }
 
 bool_t EventConnection::Receive(SVCXPRT* transport, rpc_msg* message) {

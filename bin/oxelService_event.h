@@ -15,19 +15,25 @@
 #include "bin/oxelService_replies.h"
 
 class EventLoop;
+using AddressKey = std::array<unsigned char, 16>;  // as access rules compare addresses
 
 // All but what says otherwise: for the thread that receives.
 class EventConnection : public Connection {
   public:
     // Takes charge of a transport made for a non-blocking socket. Null when memory is short.
-    static EventConnection* Guard(SVCXPRT* transport, EventLoop& loop, const RecordBounds& bounds,
-                                  BufferPool& pool);
+    static EventConnection* Guard(SVCXPRT* transport, EventLoop& loop, const AddressKey& address,
+                                  const RecordBounds& bounds, BufferPool& pool);
     static EventConnection* Of(const SVCXPRT* transport) {
         return static_cast<EventConnection*>(Connection::Of(transport));
     }
 
-    // Has the library dispatch the record that `input` has found. False when it was no call.
-    bool Dispatch();
+    // Has the library dispatch the record that `input` has found. By one thread at a time, which
+    // may be another one while `elsewhere` is set.
+    void Dispatch();
+    // Whether what Dispatch() was given last was no call.
+    bool WasNoCall() const { return notACall_; }
+    // Whether the record that `input` has found is for MOUNT.
+    bool IsMountCall();
     // Sends what is queued. Any thread that has a reference.
     void Flush();
     using Connection::CallsInFlight;
@@ -35,8 +41,8 @@ class EventConnection : public Connection {
     using Connection::End;
     bool Ended() const { return Dead(); }
     const std::string& Address() const { return address_; }
-    // As access rules compare it.
-    const std::array<unsigned char, 16>& AddressKey() const { return addressKey_; }
+    const AddressKey& From() const { return from_; }
+    EventLoop& Loop() const { return loop_; }
 
     RecordReader input;
     ReplyQueue replies;
@@ -49,6 +55,7 @@ class EventConnection : public Connection {
         kForClient,  // it does not take its replies
     };
     Pause pause = Pause::kNone;
+    bool elsewhere = false;      // its record is being dispatched on another thread
     bool ready = false;          // has its turn without being polled
     uint32_t events = 0;         // that the socket is polled for
     uint64_t recordNumber = 0;   // that recordSince is about
@@ -59,8 +66,8 @@ class EventConnection : public Connection {
     size_t place = 0;            // among the loop's connections
 
   private:
-    EventConnection(SVCXPRT* transport, EventLoop& loop, const RecordBounds& bounds,
-                    BufferPool& pool);
+    EventConnection(SVCXPRT* transport, EventLoop& loop, const AddressKey& address,
+                    const RecordBounds& bounds, BufferPool& pool);
     static bool_t Receive(SVCXPRT* transport, rpc_msg* message);
     static xprt_stat Stat(SVCXPRT* transport);
     static bool_t GetArguments(SVCXPRT* transport, xdrproc_t decode, void* arguments);
@@ -74,5 +81,5 @@ class EventConnection : public Connection {
     XDR decoder_{};
     bool notACall_ = false;
     const std::string address_;
-    std::array<unsigned char, 16> addressKey_;
+    const AddressKey from_;
 };

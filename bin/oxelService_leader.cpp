@@ -65,7 +65,7 @@ void Leadership::StartWatcherIfNone() {
     if (deputies_ != 0 || threads_ + 1 >= threadsMost_) return;
     try {
         std::thread([this, number = threads_ + 2] {
-            oxel::SetThreadName("NFS-" + std::to_string(number));
+            oxel::SetThreadName(name_ + "-" + std::to_string(number));
             Member(false);
             std::lock_guard<std::mutex> ended(mutex_);
             --threads_;
@@ -112,7 +112,8 @@ void Leadership::Member(bool leads) {
     }
 }
 
-void Leadership::Run(Lead lead, unsigned threadsMost) {
+void Leadership::Run(Lead lead, unsigned threadsMost, const std::string& name) {
+    name_ = name;
     lead_ = std::move(lead);
     threadsMost_ = threadsMost;
     Member(true);

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <string>
 
 #include "base/sync.h"
 
@@ -21,7 +22,8 @@ class Leadership {
     // Has `lead` run on one thread at a time, first on the calling one. Others, at most
     // `threadsMost` in all, are made when they are needed; they end by themselves. Returns when
     // `lead` is over; this object, and what `lead` uses, must outlive AllEnded().
-    void Run(Lead lead, unsigned threadsMost);
+    // Threads that it makes are called "<name>-2" and so on.
+    void Run(Lead lead, unsigned threadsMost, const std::string& name = "NFS");
     // Whether every thread but the one that called Run() has ended.
     bool AllEnded();
     // Whether somebody watches the leader or is about to, and would take its place: a leader that
@@ -44,6 +46,7 @@ class Leadership {
 
     Lead lead_;
     unsigned threadsMost_ = 0;
+    std::string name_;
 
     // Odd while the leader is at a piece of work, a number of its own for each piece.
     std::atomic<uint64_t> work_{0};

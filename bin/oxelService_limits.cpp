@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <ctime>
+#include <mutex>
 
 #include "backend/OxelServiceGlobals.h"
 #include "base/log.h"
@@ -14,7 +15,12 @@
 ClientLimits ClientLimits::FromSettings() {
     static constexpr size_t kHeaderBytes = 8 << 10;
     static constexpr size_t kFragmentBytes = 256;
+    // RENAME and SYMLINK have two names or a path, however small transfers are.
+    static constexpr uint64_t kSmallestBound = 16 << 10;
+    // Some of the largest transfers under way are no attack.
+    static constexpr uint64_t kTransfersBuffered = 16;
     ClientLimits limits;
+    limits.bufferedBytes = std::max(limits.bufferedBytes, kTransfersBuffered * NFS3_MAXBUF_SIZE);
     XOPlatformInfo store;
     const auto read = [&store](const char* key, auto* value, unsigned unit) {
         unsigned number = 0;
@@ -27,7 +33,7 @@ ClientLimits ClientLimits::FromSettings() {
     read("nIdleSeconds", &limits.idleSeconds, 1);
     read("nSendSeconds", &limits.sendSeconds, 1);
     read("nMaxBufferedMB", &limits.bufferedBytes, 1u << 20);
-    limits.record.bytes = NFS3_MAXBUF_SIZE + kHeaderBytes;
+    limits.record.bytes = std::max(NFS3_MAXBUF_SIZE + kHeaderBytes, kSmallestBound);
     limits.record.fragments =
         std::max(limits.record.fragments, static_cast<unsigned>(NFS3_MAXBUF_SIZE / kFragmentBytes));
     // One that is larger would be waited for without end.
@@ -43,7 +49,7 @@ constexpr time_t kMinute = 60;
 struct Account {
     const char* name;
     std::atomic<uint64_t> count{0};
-    // Of the thread that counts.
+    // Guarded by gMutex.
     unsigned lines = 0;
     uint64_t unsaid = 0;
     std::string text;
@@ -55,7 +61,8 @@ Account gAccounts[kEndReasons] = {
     {"sendTimeout"}, {"connectionLimit"}, {"addressLimit"},     {"bufferLimit"},   {"notACall"},
 };
 
-time_t gMinuteBegan = 0;
+std::mutex gMutex;
+time_t gMinuteBegan = 0;  // guarded by gMutex
 
 time_t Seconds() {
     timespec now;
@@ -65,8 +72,22 @@ time_t Seconds() {
 
 }  // namespace
 
+static void SumUp() {
+    const time_t now = Seconds();
+    if (now - gMinuteBegan < kMinute) return;
+    gMinuteBegan = now;
+    for (Account& account : gAccounts) {
+        if (account.unsaid != 0)
+            OXEL_LOG(-1, "%llu more connections were ended because %s.",
+                     static_cast<unsigned long long>(account.unsaid), account.text.c_str());
+        account.lines = 0;
+        account.unsaid = 0;
+    }
+}
+
 void CountEnd(EndReason reason, const std::string& address, const std::string& text) {
-    SumEndsUp();
+    std::lock_guard<std::mutex> lock(gMutex);
+    SumUp();
     Account& account = gAccounts[static_cast<unsigned>(reason)];
     account.count.fetch_add(1, std::memory_order_relaxed);
     if (reason == EndReason::kByClient) {
@@ -81,16 +102,8 @@ void CountEnd(EndReason reason, const std::string& address, const std::string& t
 }
 
 void SumEndsUp() {
-    const time_t now = Seconds();
-    if (now - gMinuteBegan < kMinute) return;
-    gMinuteBegan = now;
-    for (Account& account : gAccounts) {
-        if (account.unsaid != 0)
-            OXEL_LOG(-1, "%llu more connections were ended because %s.",
-                     static_cast<unsigned long long>(account.unsaid), account.text.c_str());
-        account.lines = 0;
-        account.unsaid = 0;
-    }
+    std::lock_guard<std::mutex> lock(gMutex);
+    SumUp();
 }
 
 std::array<std::pair<const char*, uint64_t>, kEndReasons> EndCounts() {

@@ -25,8 +25,8 @@ struct ClientLimits {
     uint32_t idleSeconds = 600;
     // "nSendSeconds". For a client to take the replies that are queued for it.
     uint32_t sendSeconds = 60;
-    // "nMaxBufferedMB", in bytes. Large records that wait, whole or not, and queued replies, of
-    // all.
+    // "nMaxBufferedMB", in bytes. Large records that are not whole, and queued replies, of all.
+    // Never less than sixteen of the largest transfers.
     uint64_t bufferedBytes = 64u << 20;
     // A WRITE of the largest transfer with its headers, and a fragment for each 256 bytes of the
     // default one.
@@ -52,10 +52,10 @@ enum class EndReason : unsigned {
 inline constexpr size_t kEndReasons = 10;
 
 // Counts an end and logs it with its client's address, the first few of a reason in each minute;
-// `text` completes "Ended the connection of [...]: ". One thread at a time.
+// `text` completes "Ended the connection of [...]: ". Any thread.
 void CountEnd(EndReason reason, const std::string& address, const std::string& text);
-// Logs how many ends of the last minute had no line of their own, once the minute is over. Often,
-// by the thread that counts.
+// Logs how many ends of the last minute had no line of their own, once the minute is over. To be
+// called often; any thread.
 void SumEndsUp();
 // How often each reason ended a connection, under its name in JSON. Any thread.
 std::array<std::pair<const char*, uint64_t>, kEndReasons> EndCounts();

@@ -5,28 +5,55 @@
 
 #include <algorithm>
 
+#include "backend/OxelServiceGlobals.h"
 #include "bin/oxelService_callinfo.h"
 
 namespace {
 
-constexpr int kWrite = 7, kReaddir = 16, kReaddirplus = 17;
+constexpr int kRead = 6, kWrite = 7, kReaddir = 16, kReaddirplus = 17;
 constexpr unsigned kSyncWrite = 31;  // no procedure has this number
+
+// What takes longer than this waits for something, or might as well run beside other calls.
+constexpr uint32_t kLongNanoseconds = 200'000;
+constexpr uint32_t kLongListingNanoseconds = 2'000'000;
+// Copying takes its time without waiting: some GB/s.
+constexpr uint32_t kNanosecondsPerByte = 2;
+constexpr uint32_t kLargestCopy = 1u << 30;
+
+uint32_t LongFor(uint32_t bytes) {
+    return kLongNanoseconds + std::min(bytes, kLargestCopy) * kNanosecondsPerByte;
+}
 
 }  // namespace
 
 CallPace::Kind CallPace::KindOf(CallInfo3* call) {
     const CallArguments3& arguments = call->arguments();
     auto procedure = static_cast<unsigned>(call->procedure);
-    if (call->procedure == kWrite && arguments.write.stable != UNSTABLE) procedure = kSyncWrite;
+    uint32_t longNanoseconds = kLongNanoseconds;
+    switch (call->procedure) {
+        case kRead:
+            longNanoseconds = LongFor(
+                static_cast<uint32_t>(std::min<uint64_t>(arguments.read.count, NFS3_MAXBUF_SIZE)));
+            break;
+        case kWrite:
+            if (arguments.write.stable != UNSTABLE) procedure = kSyncWrite;
+            longNanoseconds = LongFor(arguments.write.count);
+            break;
+        case kReaddir:
+        case kReaddirplus:
+            longNanoseconds = kLongListingNanoseconds;
+            break;
+        default:
+            break;
+    }
     // Every procedure's arguments but NULL's, whose area is zero, begin with a handle.
     const unsigned share = arguments.getattr.object.shareId % kShares;
-    return {static_cast<uint16_t>(share * kProcedures + procedure),
-            call->procedure == kReaddir || call->procedure == kReaddirplus};
+    return {static_cast<uint16_t>(share * kProcedures + procedure), longNanoseconds};
 }
 
 // Two threads that write a score at once lose one step: no harm.
 void CallPace::Learn(Kind kind, uint64_t nanoseconds) {
-    if (nanoseconds > (kind.listing ? kLongListingNanoseconds : kLongNanoseconds)) {
+    if (nanoseconds > kind.longNanoseconds) {
         LearnLong(kind);
         return;
     }

@@ -16,13 +16,18 @@ class CallPace {
     // What calls are kept apart by: procedure, share, and for WRITE whether it waits for the disk.
     struct Kind {
         uint16_t slot;
-        bool listing;  // takes its time without waiting for anything
+        uint32_t longNanoseconds;  // more is long for a call of that size
     };
     // Of a call whose arguments are decoded.
     static Kind KindOf(CallInfo3* call);
 
     bool IsQuick(Kind kind) const {
         return scores_[kind.slot].load(std::memory_order_relaxed) < kSlow;
+    }
+    // Slow by one long call only, which may have been chance: the thread had to wait for a
+    // processor.
+    bool MayBeQuick(Kind kind) const {
+        return scores_[kind.slot].load(std::memory_order_relaxed) < 2 * kLongCall;
     }
     // A call of that kind was handled within so many nanoseconds.
     void Learn(Kind kind, uint64_t nanoseconds);
@@ -32,8 +37,6 @@ class CallPace {
   private:
     // One long call in eight makes a kind slow; a few quick ones in a row make it quick again.
     static constexpr uint8_t kSlow = 8, kLongCall = 8, kMost = 24;
-    static constexpr uint64_t kLongNanoseconds = 200'000;
-    static constexpr uint64_t kLongListingNanoseconds = 2'000'000;
     static constexpr unsigned kProcedures = 32, kShares = 64;
 
     std::atomic<uint8_t> scores_[kProcedures * kShares] = {};

@@ -46,10 +46,6 @@ void BufferPool::Give(Buffer buffer) {
     if (kept_.size() < keptMax_) kept_.push_back(std::move(buffer));
 }
 
-RecordReader::~RecordReader() {
-    if (buffer_.bytes) pool_.Give(std::move(buffer_));
-}
-
 bool RecordReader::Mark(uint32_t* mark) const {
     if (Unread() < kMarkBytes) return false;
     memcpy(mark, buffer_.bytes.get() + next_, kMarkBytes);
@@ -127,7 +123,7 @@ RecordReader::Filled RecordReader::Fill(int fd, Guess guess) {
 }
 
 void RecordReader::Rest() {
-    if (buffer_.bytes && !Begun()) Discard();
+    if (!Begun()) Discard();
 }
 
 void RecordReader::Shrink() {

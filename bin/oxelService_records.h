@@ -37,12 +37,12 @@ class BufferPool {
     std::vector<Buffer> kept_;
 };
 
-// Not thread-safe. Has a buffer only while there are bytes that no record was made of.
+// Not thread-safe. Has a buffer only while there are bytes that no record was made of. One that is
+// destroyed frees its buffer, since that may happen on any thread; the pool is one thread's.
 class RecordReader {
   public:
     // The pool outlives the reader.
     RecordReader(const RecordBounds& bounds, BufferPool& pool) : bounds_(bounds), pool_(pool) {}
-    ~RecordReader();
     RecordReader(const RecordReader&) = delete;
     RecordReader& operator=(const RecordReader&) = delete;
 
@@ -63,10 +63,10 @@ class RecordReader {
 
     // Gives the buffer back when there is nothing in it.
     void Rest();
-    // Gives the buffer back for one that takes less memory, when there is little in it.
+    // Exchanges a buffer that large records were in for one that takes no memory yet, when only the
+    // beginning of a record is in it.
     void Shrink();
-    // Gives the buffer back whatever is in it: nothing more is read. The pool is not for the thread
-    // that destroys the reader.
+    // Gives the buffer back, whatever is in it: nothing more is read of this record.
     void Discard();
     // Whether a record has begun and is not whole.
     bool Begun() const { return end_ != next_ || fragments_ != 0; }

@@ -13,6 +13,7 @@
 #include "base/log.h"
 #include "bin/oxelService.h"
 #include "bin/oxelService_accept.h"
+#include "bin/oxelService_callinfo.h"
 #include "bin/oxelService_carrier.h"
 #include "bin/oxelService_connection.h"
 #include "bin/oxelService_descriptors.h"
@@ -76,6 +77,8 @@ class Select : public Carrier {
             PrintPerfStatsIfAsked();
         }
     }
+
+    CallInfo3* TakeRecord() override { return gCallInfoPool.Pop(); }
 
     SVCXPRT* Copy(SVCXPRT* transport, SVCXPRT* copy) override {
         if (copy == nullptr) return DupSVCXPRT(transport);

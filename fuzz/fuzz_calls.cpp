@@ -72,7 +72,8 @@ class Service {
         const oxel::UniqueFd client(ends[0]);
         SVCXPRT* transport = MakeTransport(oxel::UniqueFd(ends[1]), 4096, 4096);
         Demand(transport != nullptr);
-        EventConnection* connection = EventConnection::Guard(transport, loop_, kBounds, pool_);
+        EventConnection* connection =
+            EventConnection::Guard(transport, loop_, AddressKey{}, kBounds, pool_);
         Demand(connection != nullptr);
         Demand(send(client.Get(), stream.data(), stream.size(), MSG_DONTWAIT) ==
                static_cast<ssize_t>(stream.size()));
@@ -82,9 +83,9 @@ class Service {
             if (found == RecordReader::Found::kPartial && !drained) {
                 drained = input.Fill(ends[1]) == RecordReader::Filled::kAll;
             } else if (found == RecordReader::Found::kRecord) {
-                const bool wasCall = connection->Dispatch();
+                connection->Dispatch();
                 input.Consume();
-                if (!wasCall) break;
+                if (connection->WasNoCall()) break;
             } else {
                 break;
             }
@@ -101,7 +102,8 @@ class Service {
 
   private:
     static constexpr RecordBounds kBounds{270336, 1024};
-    EventLoop loop_;
+    EventService service_;
+    EventLoop loop_{service_, 0};
     BufferPool pool_{kBounds.bytes};
 };
 

@@ -240,9 +240,9 @@ bool_t FSDirEntToNFSDirEnt(OxelCtxt& ctxt, struct dirent* entry, dirlistplus3* l
     }
     object->GetFileHandle(&made->name_handle.handle);
 
-    std::string path;
-    path.reserve(dirPath.size() + 1 + strlen(made->name));
-    path.append(dirPath).append(1, '/').append(made->name);
+    // Kept by the thread, because a page asks for thousands of them.
+    static thread_local std::string path;
+    path.assign(dirPath).append(1, '/').append(made->name);
     OxelCtxt objectCtxt(ctxt.id, ctxt.exportPtr, std::move(object));
     const int err = OSStatToNfsStat(&objectCtxt, path, &made->name_attributes.attributes);
     if (err != 0) {

@@ -84,7 +84,7 @@ bool_t xdr_WRITE3args(XDR* xdrs, WRITE3args* value) {
     u_int length = value->count;
     if (!xdr_u_int(xdrs, &length)) return FALSE;
     if (length > NFS3_MAXBUF_SIZE || length > WriteAreaBytes()) return FALSE;
-    if (length != 0 && !xdr_opaque(xdrs, value->data(), length)) return FALSE;
+    if (length != 0 && !oxel::xdr::CodeOpaque(xdrs, value->data(), length)) return FALSE;
     if (xdrs->x_op == XDR_DECODE && length < value->count)
         memset(value->data() + length, 0, value->count - length);
     return TRUE;

@@ -32,6 +32,14 @@ int32_t* PutHandle(int32_t* words, const nfs_fh3& handle) {
     return PutPadded(io.at, handle.objectId, handle.nfh_len - nfs_fh3::kLengthMin);
 }
 
+bool_t CodeOpaque(XDR* xdrs, void* bytes, u_int length) {
+    auto* at = static_cast<char*>(bytes);
+    if (xdrs->x_op != XDR_DECODE) return xdr_opaque(xdrs, at, length);
+    char padding[BYTES_PER_XDR_UNIT];
+    const u_int padded = Padded(length) - length;
+    return XDR_GETBYTES(xdrs, at, length) && (padded == 0 || XDR_GETBYTES(xdrs, padding, padded));
+}
+
 static bool_t EncodeString(XDR* xdrs, const char* text) {
     if (text == nullptr) return FALSE;
     const size_t length = strlen(text);
@@ -52,7 +60,7 @@ static bool_t DecodeString(XDR* xdrs, char** text) {
     if (!xdr_u_int(xdrs, &bytes) || bytes > kXdrStringBytesMax) return FALSE;
     auto* copy = static_cast<char*>(malloc(bytes + 1));
     if (copy == nullptr) return FALSE;
-    if (!xdr_opaque(xdrs, copy, bytes) || memchr(copy, '\0', bytes) != nullptr) {
+    if (!CodeOpaque(xdrs, copy, bytes) || memchr(copy, '\0', bytes) != nullptr) {
         free(copy);
         return FALSE;
     }
@@ -93,7 +101,7 @@ static bool_t DecodeHandle(XDR* xdrs, nfs_fh3* value) {
         memcpy(value->objectId, io.at, objectBytes);
     } else {
         if (!xdr_u_int(xdrs, &value->fsmType) || !xdr_u_int(xdrs, &value->shareId) ||
-            !xdr_opaque(xdrs, reinterpret_cast<char*>(value->objectId), objectBytes))
+            !oxel::xdr::CodeOpaque(xdrs, value->objectId, objectBytes))
             return FALSE;
     }
     // Modules may compare or hash the whole area.

@@ -185,6 +185,10 @@ constexpr uint32_t Padded(uint32_t bytes) {
     return (bytes + 3) & ~uint32_t{3};
 }
 
+// Opaque bytes and their padding, without a length. As the library's xdr_opaque, but for the
+// padding that is decoded: the library writes that to one place for all threads.
+bool_t CodeOpaque(XDR* xdrs, void* bytes, u_int length);
+
 // Copies into the stream's buffer and fills the last word up with zero bytes; returns what follows.
 int32_t* PutPadded(int32_t* words, const void* from, uint32_t bytes);
 

@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages that building, testing and running need; does nothing when they are
 # there. As root, or through sudo.
+#   scripts/install-packages.sh [bench]   bench: only the peer and the plotter of the benchmarks
 set -euo pipefail
 cd "$(dirname "$0")/.."
 mkdir -p build
@@ -13,6 +14,8 @@ packages=(
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev libnfs-dev rpcbind iproute2 util-linux clang-format
 )
+# Compared with and plotted with; nobody else needs them.
+[[ "${1:-}" != bench ]] || packages=(nfs-ganesha nfs-ganesha-vfs rpcbind gnuplot-nox)
 
 missing=()
 for package in "${packages[@]}"; do

@@ -4,6 +4,7 @@
 #include "modules/local/call_state.h"
 
 #include "modules/local/object.h"
+#include "modules/local/syscalls.h"
 
 namespace oxel::local {
 
@@ -21,7 +22,7 @@ void CallState::Fill(Slot* slot, const boost::shared_ptr<LocalObject>& object,
     slot->node = node;
     slot->object = object;
     slot->st = st;
-    slot->fresh = true;
+    slot->fresh = slot->current = true;
     slot->made = false;
 }
 
@@ -31,6 +32,7 @@ void CallState::Resolved(const boost::shared_ptr<LocalObject>& object, const str
             if (slot.node != 0) slot = Slot{};
         }
         resolving_ = true;
+        changed_ = false;
         next_ = 0;
     }
     Fill(&slots_[next_], object, st);
@@ -57,6 +59,13 @@ bool CallState::GroupWhenMade(const FileNode& node, gid_t* group) const {
     return true;
 }
 
+bool CallState::StatWhenMade(const FileNode& node, struct stat* st) const {
+    const Slot& slot = slots_[kResolved];
+    if (!WasNamed(node) || !slot.made || !slot.current) return false;
+    *st = slot.st;
+    return true;
+}
+
 bool CallState::TakeStat(const FileNode& node, struct stat* out) {
     resolving_ = false;
     for (Slot& slot : slots_) {
@@ -69,7 +78,18 @@ bool CallState::TakeStat(const FileNode& node, struct stat* out) {
 }
 
 void CallState::ForgetStats() {
-    for (Slot& slot : slots_) slot.fresh = false;
+    for (Slot& slot : slots_) slot.fresh = slot.current = false;
+    changed_ = true;
+}
+
+void CallState::Reread(FileNode& node, const struct stat& st) {
+    if (!changed_) return;
+    for (Slot& slot : slots_) {
+        if (slot.node != node.Serial()) continue;
+        node.OwnChange(ChangeTime(slot.st), ChangeTime(st));
+        slot.st = st;
+        return;
+    }
 }
 
 boost::shared_ptr<LocalObject> CallState::ByPath(const ShareRoot& share, const std::string& path) {

@@ -39,6 +39,16 @@ class CallState {
     bool WasNamed(const FileNode& node) const;
     // The group that the object was made with; false when the running call did not make it.
     bool GroupWhenMade(const FileNode& node, gid_t* group) const;
+    // The attributes of an object have been read anew: changes of them that this call has made do
+    // not put its path in doubt.
+    void Reread(FileNode& node, const struct stat& st);
+    // The inode number that the thread last read from a directory: which object the next name is
+    // about, if that name is looked for. A guess that saves work and is never relied on.
+    void Listed(uint64_t inode) { listed_ = inode; }
+    uint64_t LastListed() const { return listed_; }
+    // What the object was made like; false when the running call did not make it or has changed
+    // something since.
+    bool StatWhenMade(const FileNode& node, struct stat* st) const;
     // The object of the running call that has this path, or null.
     boost::shared_ptr<LocalObject> ByPath(const ShareRoot& share, const std::string& path);
     // The same, of whatever share.
@@ -50,7 +60,8 @@ class CallState {
         // Weak, so that an idle thread keeps no descriptor open.
         boost::weak_ptr<LocalObject> object;
         struct stat st;
-        bool fresh = false;
+        bool fresh = false;    // TakeStat may give `st`
+        bool current = false;  // nothing has been modified since `st`
         bool made = false;
     };
     void Fill(Slot* slot, const boost::shared_ptr<LocalObject>& object, const struct stat& st);
@@ -61,6 +72,8 @@ class CallState {
     Slot slots_[kSlots];
     int next_ = 0;
     bool resolving_ = false;
+    bool changed_ = false;  // something has been modified since the last resolution
+    uint64_t listed_ = 0;
 };
 
 }  // namespace oxel::local

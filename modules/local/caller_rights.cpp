@@ -137,10 +137,24 @@ void BecomeOwn() {
     (void)threadRights().SetIds(process().uid, process().gid);
 }
 
+OwnRightsScope::OwnRightsScope() {
+    if (!process().canSwitch) return;
+    uid_ = threadRights().uid;
+    gid_ = threadRights().gid;
+    BecomeOwn();
+}
+
+OwnRightsScope::~OwnRightsScope() {
+    if (!process().canSwitch) return;
+    const int error = errno;  // of what was done meanwhile
+    (void)threadRights().SetIds(uid_, gid_);
+    errno = error;
+}
+
 CallerRights::CallerRights(const OxelCtxt* ctxt, const LocalObject& object, Need need)
     : ctxt_(ctxt) {
     CallState::Get().OperationStarts();
-    share_ = dynamic_cast<LocalExport*>(ctxt->exportPtr.get());
+    share_ = AsLocal(ctxt->exportPtr.get());
     if (share_ == nullptr || share_->Root().Serial() != object.Share().Serial()) {
         errno = EXDEV;
         return;

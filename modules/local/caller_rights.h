@@ -32,6 +32,19 @@ bool CanSwitchRights();
 // than most operations.
 void BecomeOwn();
 
+// The process's own rights for the length of a scope, then those that the thread had before.
+class OwnRightsScope {
+  public:
+    OwnRightsScope();
+    ~OwnRightsScope();
+    OwnRightsScope(const OwnRightsScope&) = delete;
+    OwnRightsScope& operator=(const OwnRightsScope&) = delete;
+
+  private:
+    uid_t uid_ = 0;
+    gid_t gid_ = 0;
+};
+
 // One operation's check of who may do what. Fails with EACCES for a client that no rule of the
 // share matches, with EROFS for a modification by a client whose rule says ro, and with EXDEV for
 // an object of another share than the context's (the rules that were checked are not that share's).

@@ -108,6 +108,18 @@ class StoredInodeMap final : public InodeMap {
 
 }  // namespace
 
+bool MemoryInodeMap::FindId(uint64_t inode, std::string_view parent, std::string_view name,
+                            InodeId* known, bool* placed) {
+    bool found = false;
+    records_.with(inode, [&](const Record& record) {
+        found = record.known.id.length != 0;
+        if (!found) return;
+        *known = record.known;
+        *placed = record.IsAt(parent, name);
+    });
+    return found;
+}
+
 PlacesBatch::PlacesBatch(InodeMap& map) : map_(map) {
     ++batchDepth;
 }

@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "backend/LruCache.h"
+#include "modules/local/handle_codec.h"
 
 namespace oxel::local {
 
@@ -23,12 +24,34 @@ struct InodePlace {
     bool operator==(const InodePlace&) const = default;
 };
 
+// The object id that was made for an object, with the birth time that tells the object from a later
+// owner of its inode number. Both times 0: none is known.
+struct InodeId {
+    int64_t birthSeconds = 0;
+    uint32_t birthNanoseconds = 0;
+    ObjectId id;
+};
+
 // Any thread.
 class InodeMap {
   public:
     virtual ~InodeMap() = default;
+    // A map of a share with kernel handles remembers object ids too, which saves asking the kernel.
+    // True when one is known for the number; *placed is what IsPut says.
+    virtual bool FindId(uint64_t inode, std::string_view parent, std::string_view name,
+                        InodeId* known, bool* placed) {
+        (void)inode, (void)parent, (void)name, (void)known, (void)placed;
+        return false;
+    }
+    // The id of an object whose place has been put.
+    virtual void PutId(uint64_t inode, const InodeId& known) { (void)inode, (void)known; }
     virtual bool Find(uint64_t inode, InodePlace* place) = 0;
     virtual void Put(uint64_t inode, const InodePlace& place) = 0;
+    // Whether Put would change nothing. May be false where only Put itself finds out.
+    virtual bool IsPut(uint64_t inode, std::string_view parent, std::string_view name) {
+        (void)inode, (void)parent, (void)name;
+        return false;
+    }
     // Put that never pushes another record out; for what a search passes by.
     virtual void PutIfRoom(uint64_t inode, const InodePlace& place) = 0;
     virtual void Remove(uint64_t inode) = 0;
@@ -55,17 +78,44 @@ class MemoryInodeMap : public InodeMap {
     // `limit`: records kept; the least recently used give way. kUnbounded where handles resolve
     // through nothing but the map.
     static constexpr unsigned long kUnbounded = ~0ul;
-    explicit MemoryInodeMap(unsigned long limit) : places_(limit) {}
+    explicit MemoryInodeMap(unsigned long limit) : records_(limit) {}
 
-    bool Find(uint64_t inode, InodePlace* place) override { return places_.find(inode, place); }
-    void Put(uint64_t inode, const InodePlace& place) override { places_.insert(inode, place); }
-    void PutIfRoom(uint64_t inode, const InodePlace& place) override {
-        if (places_.count() < places_.limit()) places_.insert(inode, place);
+    bool Find(uint64_t inode, InodePlace* place) override {
+        return records_.with(inode, [&](const Record& record) { *place = record.place; });
     }
-    void Remove(uint64_t inode) override { places_.erase(inode); }
+    void Put(uint64_t inode, const InodePlace& place) override {
+        if (records_.with(inode, [&](Record& record) { record.Move(place.parent, place.name); }))
+            return;
+        records_.insert(inode, Record{place, {}});
+    }
+    bool IsPut(uint64_t inode, std::string_view parent, std::string_view name) override {
+        bool is = false;
+        records_.with(inode, [&](const Record& record) { is = record.IsAt(parent, name); });
+        return is;
+    }
+    void PutIfRoom(uint64_t inode, const InodePlace& place) override {
+        if (records_.count() < records_.limit()) Put(inode, place);
+    }
+    void Remove(uint64_t inode) override { records_.erase(inode); }
+    bool FindId(uint64_t inode, std::string_view parent, std::string_view name, InodeId* known,
+                bool* placed) override;
+    void PutId(uint64_t inode, const InodeId& known) override {
+        records_.with(inode, [&](Record& record) { record.known = known; });
+    }
 
   private:
-    LruCache<uint64_t, InodePlace> places_;
+    struct Record {
+        InodePlace place;
+        InodeId known;
+        bool IsAt(std::string_view parent, std::string_view name) const {
+            return place.name == name && place.parent == parent;
+        }
+        void Move(std::string_view parent, std::string_view name) {
+            if (place.parent != parent) place.parent = parent;
+            if (place.name != name) place.name = name;
+        }
+    };
+    LruCache<uint64_t, Record> records_;
 };
 
 // The map of a share whose handles resolve through nothing but the map: in the store that

@@ -24,11 +24,11 @@ namespace {
 std::atomic<uint64_t> exportSerials{0};
 
 boost::shared_ptr<LocalObject> MakeRootObject(const std::shared_ptr<ShareRoot>& root) {
-    UniqueFd fd = OpenMakingRoom([&] { return fcntl(root->Fd(), F_DUPFD_CLOEXEC, 0); });
+    UniqueFd fd = DupAside(root->Fd());
     struct stat st;
     if (!fd) return nullptr;
     const std::string path = root->Prefix().empty() ? "/" : root->Prefix();
-    return LocalObject::FromFd(root, std::move(fd), path, &st);
+    return LocalObject::FromFd(root, std::move(fd), path, &st, FileNode::Opened::kForReading);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <typeinfo>
 
 #include "backend/Export.h"
 #include "backend/client_rules.h"
@@ -38,5 +39,13 @@ class LocalExport final : public Export {
     const std::shared_ptr<ShareRoot> root_;
     const uint64_t serial_;
 };
+
+// The share when it is one of this module's, else null. The class is final, so that comparing types
+// does, which costs far less than a dynamic_cast.
+inline LocalExport* AsLocal(Export* share) {
+    return share != nullptr && typeid(*share) == typeid(LocalExport)
+               ? static_cast<LocalExport*>(share)
+               : nullptr;
+}
 
 }  // namespace oxel::local

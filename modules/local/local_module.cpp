@@ -33,10 +33,10 @@ LocalExport* ShareOf(const nfs_fh3& handle, const ExportPtr& share, ExportPtr* o
         return candidate != nullptr && candidate->Root().ShareId() == handle.shareId &&
                candidate->Root().Type() == handle.fsmType;
     };
-    auto* local = dynamic_cast<LocalExport*>(share.get());
+    auto* local = AsLocal(share.get());
     if (matches(local)) return local;
     if (!gAllExports.FindExportById(handle.shareId, *other)) return nullptr;
-    local = dynamic_cast<LocalExport*>(other->get());
+    local = AsLocal(other->get());
     return matches(local) ? local : nullptr;
 }
 

@@ -20,6 +20,7 @@ namespace oxel::local {
 struct Location {
     std::string path;
     UniqueFd fd;
+    int64_t verifiedMs = -1;  // of NowMs, when it rests on something seen earlier; -1: now
 };
 
 // The place of the object that `fd` stands for. False when it is not inside the share. The thread

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What is told as done is on the disk. There is no call that writes an object's attributes through
-// the descriptors that objects are kept by (O_PATH), so each sync opens the object anew; that costs
-// little beside the disk.
+// What is told as done is on the disk. No call writes an object's attributes through the
+// descriptors that most objects are kept by (O_PATH), so a sync opens the object anew; a directory
+// keeps what was opened for the next sync.
 #include "modules/local/metadata_sync.h"
 
 #include <fcntl.h>
@@ -26,13 +26,8 @@ int Answer(int error) {
 }
 
 // Whoever may change an object may not always read it.
-UniqueFd OpenToSync(const FileNode& node, int flags) {
-    const auto open = [&] {
-        return OpenMakingRoom([&] {
-            return ::open(ProcPath(node.Fd()).Get(),
-                          O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags);
-        });
-    };
+template <typename Open>
+UniqueFd OpenToSync(Open open) {
     UniqueFd fd = open();
     if (!fd && errno == EACCES) {
         BecomeOwn();
@@ -59,18 +54,32 @@ int SyncFile(const FileNode& node, int fd) {
 }
 
 int SyncDirectory(ShareRoot& share, const FileNode& directory) {
-    const UniqueFd fd = OpenToSync(directory, O_DIRECTORY);
-    if (!fd) return SyncAll(share);
-    const int error = SyncedOrError(gDisk.load()->syncFile, fd.Get());
+    int fd = directory.FileFd();
+    if (fd < 0) {
+        UniqueFd opened = OpenToSync([&] { return OpenDirectory(directory.Fd()); });
+        if (!opened) return SyncAll(share);
+        fd = directory.KeepFileFd(std::move(opened));
+    }
+    const int error = SyncedOrError(gDisk.load()->syncFile, fd);
     return CannotSync(error) ? SyncAll(share) : Answer(error);
 }
 
 int SyncAttributes(ShareRoot& share, const FileNode& node) {
     if (node.Type() == S_IFDIR) return SyncDirectory(share, node);
     if (node.Type() != S_IFREG) return SyncAll(share);
-    const UniqueFd fd = OpenToSync(node, 0);
-    if (!fd) return SyncAll(share);
-    if (SyncFile(node, fd.Get()) == 0) return 0;
+    UniqueFd opened;
+    int fd = node.FileFd();
+    if (fd < 0) {
+        opened = OpenToSync([&] {
+            return OpenMakingRoom([&] {
+                return ::open(ProcPath(node.Fd()).Get(),
+                              O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+            });
+        });
+        if (!opened) return SyncAll(share);
+        fd = opened.Get();
+    }
+    if (SyncFile(node, fd) == 0) return 0;
     return CannotSync(errno) ? SyncAll(share) : -1;
 }
 

@@ -6,14 +6,13 @@
 #include <limits.h>
 
 #include <cerrno>
-#include <string_view>
 
 namespace oxel::local {
 
 int NameError(const std::string& name) {
     if (name.empty()) return ENOENT;
     if (name.size() > NAME_MAX) return ENAMETOOLONG;
-    if (name.find_first_of(std::string_view("/\0", 2)) != std::string::npos) return EACCES;
+    if (name.find('/') != std::string::npos || name.find('\0') != std::string::npos) return EACCES;
     return 0;
 }
 

@@ -47,8 +47,15 @@ std::vector<std::string> Components(const std::string& path) {
 
 }  // namespace
 
-FileNode::FileNode(UniqueFd fd, const ObjectId& id, const struct stat& st)
-    : fd_(std::move(fd)),
+FileNode::FileNode(UniqueFd fd, const ObjectId& id, const struct stat& st, Opened opened)
+    : FileNode(nullptr, id, st) {
+    if (opened == Opened::kForReading) fileFd_.store(fd.Get(), std::memory_order_release);
+    fd_.store(fd.Release(), std::memory_order_release);
+}
+
+FileNode::FileNode(std::shared_ptr<ShareRoot> share, const ObjectId& id, const struct stat& st)
+    : share_(std::move(share)),
+      fd_(-1),
       id_(id),
       device_(st.st_dev),
       inode_(st.st_ino),
@@ -58,6 +65,41 @@ FileNode::FileNode(UniqueFd fd, const ObjectId& id, const struct stat& st)
     Saw(st);
     PathVerified(ChangeTime(st), now);
     Used(now);
+}
+
+FileNode::~FileNode() {
+    const UniqueFd fd(fd_.load(std::memory_order_acquire));
+    UniqueFd fileFd(fileFd_.load(std::memory_order_acquire));
+    if (fileFd.Get() == fd.Get()) (void)fileFd.Release();
+}
+
+int FileNode::KeepFileFd(UniqueFd fd) const {
+    int known = -1;
+    return fileFd_.compare_exchange_strong(known, fd.Get(), std::memory_order_acq_rel)
+               ? fd.Release()
+               : known;
+}
+
+// By the handle, which is the very object's or nobody's.
+int FileNode::OpenNow() const {
+    if (!share_) {
+        errno = EBADF;
+        return -1;
+    }
+    const OwnRightsScope own;
+    UniqueFd fd = OpenKernelHandle(share_->Fd(), id_.Body());
+    int known = -1;
+    // Another thread may have been quicker.
+    if (fd && fd_.compare_exchange_strong(known, fd.Get(), std::memory_order_acq_rel)) {
+        return fd.Release();
+    }
+    return known;
+}
+
+void FileNode::OwnChange(int64_t changeTimeBefore, int64_t changeTimeAfter) {
+    // Only from the change time that was verified: whatever else has moved it is looked into.
+    verifiedChangeTime_.compare_exchange_strong(changeTimeBefore, changeTimeAfter,
+                                                std::memory_order_relaxed);
 }
 
 void FileNode::Saw(const struct stat& st) {
@@ -81,10 +123,11 @@ void NoteDirectoryMove() {
 }
 
 boost::shared_ptr<LocalObject> LocalObject::FromFd(const std::shared_ptr<ShareRoot>& share,
-                                                   UniqueFd fd, std::string path, struct stat* st) {
-    std::string body;
+                                                   UniqueFd fd, std::string path, struct stat* st,
+                                                   FileNode::Opened opened) {
+    ObjectId id;
     if (share->Kind() == HandleKind::kKernel) {
-        if (fstat(fd.Get(), st) != 0 || !KernelHandleOf(fd.Get(), &body)) return nullptr;
+        if (fstat(fd.Get(), st) != 0 || !KernelIdOf(*share, fd.Get(), &id)) return nullptr;
     } else {
         InodeIdentity identity;
         if (share->Identify(fd.Get(), st, &identity) != 0) return nullptr;
@@ -92,11 +135,18 @@ boost::shared_ptr<LocalObject> LocalObject::FromFd(const std::shared_ptr<ShareRo
             errno = EXDEV;  // a subvolume, whose inode numbers are not this share's
             return nullptr;
         }
-        body = EncodeInodeBody(identity);
+        id =
+            SignObjectId(share->Type(), share->ShareId(), share->Kind(), EncodeInodeBody(identity));
     }
-    const ObjectId id = SignObjectId(share->Type(), share->ShareId(), share->Kind(), body);
-    auto node = std::make_shared<FileNode>(std::move(fd), id, *st);
+    auto node = std::make_shared<FileNode>(std::move(fd), id, *st, opened);
     return boost::make_shared<LocalObject>(share, std::move(node), std::move(path));
+}
+
+bool KernelIdOf(const ShareRoot& share, int fd, ObjectId* id) {
+    std::string body;
+    if (!KernelHandleOf(fd, &body)) return false;
+    *id = SignObjectId(share.Type(), share.ShareId(), HandleKind::kKernel, body);
+    return true;
 }
 
 void LocalObject::GetFileHandle(nfs_fh3* out) const {

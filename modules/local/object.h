@@ -19,17 +19,35 @@
 #include "modules/local/caller_rights.h"
 #include "modules/local/handle_codec.h"
 #include "modules/local/share_root.h"
+#include "modules/local/syscalls.h"
 
 namespace oxel::local {
 
 // The open descriptor of an object and what never changes about it. Shared by the LocalObjects that
-// name the same object by different paths. While one is alive, the inode cannot be re-used.
+// name the same object by different paths. While one is alive and open, the inode cannot be
+// re-used.
 class FileNode {
   public:
-    // `fd` is O_PATH, or the share's own descriptor duplicated.
-    FileNode(UniqueFd fd, const ObjectId& id, const struct stat& st);
+    // kForReading: the share's own descriptor duplicated, or the one that a file was made through.
+    enum class Opened { kAsPath, kForReading };
+    FileNode(UniqueFd fd, const ObjectId& id, const struct stat& st,
+             Opened opened = Opened::kAsPath);
+    // Without a descriptor until somebody asks for it: an entry of a listing, of which nothing is
+    // wanted but its attributes and its handle. Shares with kernel handles only.
+    FileNode(std::shared_ptr<ShareRoot> share, const ObjectId& id, const struct stat& st);
+    ~FileNode();
 
-    int Fd() const { return fd_.Get(); }
+    // -1 with errno when the node was without one and the object is gone.
+    int Fd() const {
+        const int fd = fd_.load(std::memory_order_acquire);
+        return fd >= 0 ? fd : OpenNow();
+    }
+    bool IsOpen() const { return fd_.load(std::memory_order_acquire) >= 0; }
+    // A descriptor that fsync(2) and fchmod(2) take, or -1 when there is none.
+    int FileFd() const { return fileFd_.load(std::memory_order_acquire); }
+    // Keeps one for later; the descriptor to use, which another thread may have brought first. For
+    // directories: each name that is made or removed in one is synced.
+    int KeepFileFd(UniqueFd fd) const;
     const ObjectId& Id() const { return id_; }
     dev_t Device() const { return device_; }
     uint64_t Inode() const { return inode_; }
@@ -47,13 +65,21 @@ class FileNode {
     // The path was found to be right at this change time; it is asked for again when the change
     // time moves, or after a while, because a directory above may have been renamed.
     void PathVerified(int64_t changeTime, int64_t nowMs);
+    int64_t VerifiedMs() const { return verifiedMs_.load(std::memory_order_relaxed); }
     bool PathMayHaveChanged(int64_t changeTime, int64_t nowMs) const;
+    // This process has changed the object itself, and with that its change time, from one to
+    // another: its path is believed as before.
+    void OwnChange(int64_t changeTimeBefore, int64_t changeTimeAfter);
     // For the object cache: when a call last used the object.
     void Used(int64_t nowMs) { usedMs_.store(nowMs, std::memory_order_relaxed); }
     int64_t UsedMs() const { return usedMs_.load(std::memory_order_relaxed); }
 
   private:
-    const UniqueFd fd_;
+    int OpenNow() const;
+
+    const std::shared_ptr<ShareRoot> share_;  // null when it was made with a descriptor
+    mutable std::atomic<int> fd_;             // owned
+    mutable std::atomic<int> fileFd_{-1};     // fd_, or another one, owned
     const ObjectId id_;
     const dev_t device_;
     const uint64_t inode_;
@@ -67,6 +93,10 @@ class FileNode {
 
 // For how long a path is believed while nothing about the object itself has changed. Tests set 0.
 extern std::atomic<int64_t> gPathBelievedMs;
+// The handle of an object that is no older is not remembered by inode number and birth time: a
+// later owner of the number might have the same birth time, of which the coarsest are two seconds
+// apart. Tests set less.
+extern std::atomic<int64_t> gBirthSettledSeconds;
 // A directory has been renamed through this process: no path below it is believed any longer.
 void NoteDirectoryMove();
 
@@ -78,7 +108,9 @@ class LocalObject final : public BkEndProc, public boost::enable_shared_from_thi
     // Takes what `fd` stands for, whose path is `path`; *st is filled. Null with errno: EXDEV for
     // what lies on another file system than the handles of this share can name.
     static boost::shared_ptr<LocalObject> FromFd(const std::shared_ptr<ShareRoot>& share,
-                                                 UniqueFd fd, std::string path, struct stat* st);
+                                                 UniqueFd fd, std::string path, struct stat* st,
+                                                 FileNode::Opened opened = kAsPath);
+    static constexpr FileNode::Opened kAsPath = FileNode::Opened::kAsPath;
 
     ShareRoot& Share() const { return *share_; }
     const std::shared_ptr<ShareRoot>& SharePtr() const { return share_; }
@@ -139,8 +171,12 @@ class LocalObject final : public BkEndProc, public boost::enable_shared_from_thi
     // object_names.cpp
     Ptr Child(OxelCtxt* ctxt, const std::string& name);
     Ptr ChildUnchecked(const std::string& name, struct stat* st);
+    Ptr ListedChild(const std::string& name, struct stat* st);
+    Ptr KnownChild(const std::string& path, const std::string& name, const Looked& looked);
+    Ptr OpenChild(std::string path, const std::string& name, struct stat* st);
     Ptr Parent(OxelCtxt* ctxt, const CallerRights& rights);
-    Ptr Adopt(UniqueFd fd, std::string path, const std::string& name, struct stat* st);
+    Ptr Adopt(UniqueFd fd, std::string path, const std::string& name, struct stat* st,
+              FileNode::Opened opened = kAsPath);
     void RememberPlace(const LocalObject& directory, const std::string& name);
 
     // object_create.cpp
@@ -177,13 +213,18 @@ class LocalObject final : public BkEndProc, public boost::enable_shared_from_thi
     bool MayOverride(const CallerRights& rights, int access);
     // Before and after a change of what the descriptor cache and the call's attributes rest on.
     void Changing();
-    void AccessChanged();
+    // *now is what the object has become.
+    bool AccessChanged(struct stat* now);
     int SyncAccess(const struct stat& before);
+    bool StatUnlessJustMade(struct stat* st) const;
 
     const std::shared_ptr<ShareRoot> share_;
     const std::shared_ptr<FileNode> node_;
     const std::string path_;
 };
+
+// The object id of what `fd` stands for, in a share with kernel handles. False with errno.
+bool KernelIdOf(const ShareRoot& share, int fd, ObjectId* id);
 
 // Runs an operation so that running out of memory is an errno like any other.
 template <typename Result, typename Operation>

@@ -27,6 +27,7 @@ int LocalObject::StatSelf(struct stat* out) {
     struct stat st;
     if (fstat(node_->Fd(), &st) != 0) return -1;
     node_->Saw(st);
+    CallState::Get().Reread(*node_, st);
     *out = st;
     return 0;
 }
@@ -46,21 +47,27 @@ void LocalObject::Changing() {
     CallState::Get().ForgetStats();
 }
 
-void LocalObject::AccessChanged() {
+bool LocalObject::AccessChanged(struct stat* now) {
     gFdCache.Forget(node_->Device(), node_->Inode());
-    struct stat st;
-    if (fstat(node_->Fd(), &st) == 0) node_->Saw(st);
+    if (fstat(node_->Fd(), now) != 0) return false;
+    node_->Saw(*now);
+    return true;
 }
 
 // CREATE and MKDIR are followed by a chmod and a chown to what the new object has already; only the
 // time of the last change is moved by that, which is not worth another turn of the disk.
 int LocalObject::SyncAccess(const struct stat& before) {
     struct stat now;
-    if (fstat(node_->Fd(), &now) == 0 && now.st_mode == before.st_mode &&
-        now.st_uid == before.st_uid && now.st_gid == before.st_gid) {
+    if (AccessChanged(&now) && now.st_mode == before.st_mode && now.st_uid == before.st_uid &&
+        now.st_gid == before.st_gid) {
         return 0;
     }
     return SyncAttributes(*share_, *node_);
+}
+
+// What the object is like; when the running call has made it, what it was made like.
+bool LocalObject::StatUnlessJustMade(struct stat* st) const {
+    return CallState::Get().StatWhenMade(*node_, st) || fstat(node_->Fd(), st) == 0;
 }
 
 int LocalObject::Chmod(OxelCtxt* ctxt, const std::string& path, mode_t mode) {
@@ -74,7 +81,8 @@ int LocalObject::ChmodSelf(OxelCtxt* ctxt, mode_t mode) {
     if (node_->Type() == S_IFLNK) return 0;
     mode &= 07777;
     struct stat before;
-    if (fstat(node_->Fd(), &before) != 0) return -1;
+    const bool justMade = CallState::Get().StatWhenMade(*node_, &before);
+    if (!justMade && fstat(node_->Fd(), &before) != 0) return -1;
     // MKDIR names a mode as mkdir(2) does, and gets the set-group-id bit from the directory above
     // as there. Its caller need not be in the group, and then could not set the bit himself.
     struct stat above;
@@ -82,9 +90,11 @@ int LocalObject::ChmodSelf(OxelCtxt* ctxt, mode_t mode) {
         mode |= before.st_mode & S_ISGID;
         if ((before.st_mode & 07777) == mode) return 0;
     }
+    // CREATE has named the mode when it made the file.
+    if (justMade && (before.st_mode & 07777) == mode) return 0;
     Changing();
-    if (chmod(ProcPath(node_->Fd()).Get(), mode) != 0) return -1;
-    AccessChanged();
+    const int fd = node_->FileFd();
+    if ((fd >= 0 ? fchmod(fd, mode) : chmod(ProcPath(node_->Fd()).Get(), mode)) != 0) return -1;
     return SyncAccess(before);
 }
 
@@ -103,13 +113,14 @@ int LocalObject::GiveToCaller(OxelCtxt* ctxt) {
     const CallerRights rights(ctxt, *this, CallerRights::Need::kModify);
     if (!rights || !rights.Become()) return -1;
     struct stat st;
-    if (fstat(node_->Fd(), &st) != 0) return -1;
+    if (!StatUnlessJustMade(&st)) return -1;
     const uid_t uid = rights.Who().uid;
     const gid_t gid = HasInheritedGroup(st) ? st.st_gid : rights.Who().gid;
     if (st.st_uid == uid && st.st_gid == gid) return 0;
     Changing();
     if (fchownat(node_->Fd(), "", uid, gid, AT_EMPTY_PATH) != 0) return -1;
-    AccessChanged();
+    struct stat now;
+    (void)AccessChanged(&now);
     return SyncAttributes(*share_, *node_);
 }
 
@@ -140,7 +151,6 @@ int LocalObject::ChownSelf(OxelCtxt* ctxt, uid_t uid, gid_t gid) {
     struct stat before;
     if (fstat(node_->Fd(), &before) != 0) return -1;
     if (fchownat(node_->Fd(), "", uid, gid, AT_EMPTY_PATH) != 0) return -1;
-    AccessChanged();
     return SyncAccess(before);
 }
 

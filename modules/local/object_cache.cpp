@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <bit>
 
 #include "modules/local/object.h"
 #include "modules/local/syscalls.h"
@@ -29,8 +30,23 @@ ObjectCache& ObjectCache::Instance() {
     return *instance;
 }
 
-ObjectCache::ObjectCache() {
+// Twice as many places as objects, so that few take another one's.
+ObjectCache::ObjectCache()
+    : placesMask_(std::bit_ceil(2 * Bound()) - 1), places_(new Place[placesMask_ + 1]) {
     for (Shard& shard : shards_) shard.setSize(std::max(1ul, Bound() / kShards));
+}
+
+size_t ObjectCache::PlaceHash(uint64_t share, uint64_t inode) {
+    const uint64_t hash = (inode + (share << 56)) * 0x9e3779b97f4a7c15;
+    return hash ^ hash >> 32;
+}
+
+boost::shared_ptr<LocalObject> ObjectCache::FindInode(uint64_t share, uint64_t inode) {
+    const size_t hash = PlaceHash(share, inode);
+    std::lock_guard<std::mutex> lock(placeMutexes_[hash % kShards]);
+    const Place& place = places_[hash & placesMask_];
+    if (place.inode != inode || place.share != share) return nullptr;
+    return place.object.lock();
 }
 
 boost::shared_ptr<LocalObject> ObjectCache::Find(const ObjectKey& key) {
@@ -42,6 +58,15 @@ boost::shared_ptr<LocalObject> ObjectCache::Find(const ObjectKey& key) {
 void ObjectCache::Put(const boost::shared_ptr<LocalObject>& object) {
     const ObjectKey key{object->Share().Serial(), object->Node().Id()};
     ShardOf(key).insert(key, object);
+    if (object->Node().Device() != object->Share().Device() || !object->Node().IsOpen()) return;
+    const uint64_t inode = object->Node().Inode();
+    const size_t hash = PlaceHash(key.share, inode);
+    boost::weak_ptr<LocalObject> before(object);  // dies after the lock
+    std::lock_guard<std::mutex> lock(placeMutexes_[hash % kShards]);
+    Place& place = places_[hash & placesMask_];
+    place.share = key.share;
+    place.inode = inode;
+    place.object.swap(before);
 }
 
 void ObjectCache::Drop(const LocalObject& object) {

@@ -4,7 +4,10 @@
 #pragma once
 
 #include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 
 #include "backend/LruCache.h"
 #include "modules/local/handle_codec.h"
@@ -29,6 +32,9 @@ class ObjectCache {
     static ObjectCache& Instance();
 
     boost::shared_ptr<LocalObject> Find(const ObjectKey& key);
+    // The object of the share that has this inode number on the share's device: it is open, so the
+    // number cannot have gone to another one. What is not found may still be cached.
+    boost::shared_ptr<LocalObject> FindInode(uint64_t share, uint64_t inode);
     void Put(const boost::shared_ptr<LocalObject>& object);
     void Drop(const LocalObject& object);
     // Every object of a share that is no longer exported.
@@ -48,6 +54,17 @@ class ObjectCache {
     using Shard = LruCache<ObjectKey, boost::shared_ptr<LocalObject>, ObjectKeyHash>;
     Shard& ShardOf(const ObjectKey& key) { return shards_[(key.id.Hash() >> 56) % kShards]; }
     Shard shards_[kShards];
+
+    // The cached objects by inode number. A place for each that is taken over by the next one with
+    // the same hash; weak, so that an object goes when the shards let it go.
+    struct Place {
+        uint64_t share = 0, inode = 0;
+        boost::weak_ptr<LocalObject> object;
+    };
+    static size_t PlaceHash(uint64_t share, uint64_t inode);
+    const size_t placesMask_;
+    std::unique_ptr<Place[]> places_;  // each guarded by one of placeMutexes_
+    std::mutex placeMutexes_[kShards];
 };
 
 }  // namespace oxel::local

@@ -72,17 +72,17 @@ BkEndProcPtr LocalObject::CreateChild(OxelCtxt* ctxt, const std::string& name, i
 boost::shared_ptr<LocalObject> LocalObject::MakeFile(const std::string& name,
                                                      const std::string& path, int flags,
                                                      mode_t mode, struct stat* st) {
-    const UniqueFd made = OpenMakingRoom([&] {
-        return openat(node_->Fd(), name.c_str(), (flags & kCallersFlags) | O_EXCL | kOwnFlags,
+    // For reading whatever the caller asks for: the descriptor stays with the object, which
+    // outlives the call, and a program that is open for writing cannot be started. Nothing else
+    // depends on the access that a new file is opened with.
+    UniqueFd made = OpenMakingRoom([&] {
+        return openat(node_->Fd(), name.c_str(),
+                      (flags & kCallersFlags & ~O_ACCMODE) | O_RDONLY | O_EXCL | kOwnFlags,
                       mode & 07777);
     });
     if (!made) return nullptr;
-    // The very file, whatever has become of its name; without access to the contents, because the
-    // object outlives the call and a program that is open for writing cannot be started.
-    UniqueFd fd =
-        OpenMakingRoom([&] { return open(ProcPath(made.Get()).Get(), O_PATH | O_CLOEXEC); });
-    Ptr child = fd ? Adopt(std::move(fd), path, name, st) : nullptr;
-    if (!child || SyncFile(*child->node_, made.Get()) != 0) return nullptr;
+    Ptr child = Adopt(std::move(made), path, name, st, FileNode::Opened::kForReading);
+    if (!child || SyncFile(*child->node_, child->node_->FileFd()) != 0) return nullptr;
     return SyncDirectory(*share_, *node_) == 0 ? child : nullptr;
 }
 
@@ -116,7 +116,7 @@ BkEndProcPtr LocalObject::CreateChildDir(OxelCtxt* ctxt, const std::string& name
         Changing();
         if (mkdirat(node_->Fd(), name.c_str(), mode & 07777) != 0) return nullptr;
         struct stat st;
-        Ptr child = ChildUnchecked(name, &st);
+        Ptr child = OpenChild(std::move(path), name, &st);
         if (!child) return nullptr;
         // Somebody who may change this directory can already have put something else in its place;
         // a directory of his is as good for the caller as one that he moves there later.

@@ -6,6 +6,7 @@
 
 #include <cstring>
 
+#include "modules/local/call_state.h"
 #include "modules/local/dir_reader.h"
 #include "modules/local/object.h"
 #include "modules/local/syscalls.h"
@@ -40,11 +41,11 @@ DirStream* LocalObject::OpenDir(OxelCtxt* ctxt, const std::string& path) {
             return nullptr;
         }
         if (!rights.Become()) return nullptr;
-        UniqueFd fd = OpenMakingRoom([&] {
-            return open(ProcPath(object.node_->Fd()).Get(),
-                        O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-        });
-        return fd ? new LocalDirStream(std::move(fd), object.share_) : nullptr;
+        UniqueFd fd = OpenDirectory(object.node_->Fd());
+        if (!fd) return nullptr;
+        auto* stream = new LocalDirStream(std::move(fd), object.share_);
+        ctxt->flag = true;  // names that are looked for are the listing's
+        return stream;
     });
 }
 
@@ -66,6 +67,7 @@ struct dirent* LocalObject::ReadDir(OxelCtxt*, DirStream* stream) {
     local.entry.d_type = next.type;
     local.entry.d_reclen = sizeof local.entry;
     memcpy(local.entry.d_name, next.name, length + 1);
+    CallState::Get().Listed(next.inode);
     // ".." of the root is the root; what lies above the share is not the client's business.
     if (IsShareRoot() && strcmp(local.entry.d_name, "..") == 0) local.entry.d_ino = node_->Inode();
     return &local.entry;
@@ -75,7 +77,8 @@ int64_t LocalObject::TellDir(OxelCtxt*, DirStream* stream) {
     return Local(stream)->reader.Position();
 }
 
-void LocalObject::CloseDir(OxelCtxt*, DirStream* stream) {
+void LocalObject::CloseDir(OxelCtxt* ctxt, DirStream* stream) {
+    ctxt->flag = false;
     delete stream;
 }
 

@@ -116,7 +116,8 @@ int LocalObject::TruncateSelf(OxelCtxt* ctxt, uint64_t size) {
         result = ftruncate(fd.Get(), static_cast<off_t>(size));
     } while (result != 0 && errno == EINTR);
     if (result != 0) return -1;
-    AccessChanged();
+    struct stat now;
+    (void)AccessChanged(&now);
     return SyncFile(*node_, fd.Get());
 }
 

@@ -78,14 +78,17 @@ int LocalObject::RemoveName(const CallerRights& rights, LocalObject& directory,
 // the object: a descriptor that stays open would keep its blocks allocated.
 void LocalObject::NameRemoved(const LocalObject& directory, const std::string& name) {
     ObjectCache::Instance().Drop(*this);
-    InodePlace place;
-    if (share_->Places().Find(node_->Inode(), &place) && place.name == name &&
-        place.parent == directory.node_->Id().Body()) {
-        share_->Places().Remove(node_->Inode());
-    }
     struct stat st;
-    if (fstat(node_->Fd(), &st) == 0 && st.st_nlink != 0 && node_->Type() != S_IFDIR) return;
-    share_->Places().Remove(node_->Inode());
+    InodeMap& places = share_->Places();
+    if (fstat(node_->Fd(), &st) == 0 && st.st_nlink != 0 && node_->Type() != S_IFDIR) {
+        InodePlace place;
+        if (places.Find(node_->Inode(), &place) && place.name == name &&
+            place.parent == directory.node_->Id().Body()) {
+            places.Remove(node_->Inode());
+        }
+        return;
+    }
+    places.Remove(node_->Inode());
     gFdCache.Forget(node_->Device(), node_->Inode());
     DelayedWrites::Instance().Forget(*node_);
 }

@@ -5,7 +5,6 @@
 
 #include <fcntl.h>
 #include <linux/magic.h>
-#include <sys/sysmacros.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
@@ -70,6 +69,7 @@ std::shared_ptr<ShareRoot> ShareRoot::Open(FSModuleType type, uint32_t shareId,
     std::shared_ptr<ShareRoot> root(new ShareRoot(type, shareId));
     root->fd_ =
         OpenMakingRoom([&] { return open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+    if (root->fd_) root->fd_ = DupAside(root->Fd());
     struct stat st;
     InodeIdentity identity;
     root->layered_ = root->fd_ && IsLayered(root->Fd());
@@ -135,25 +135,10 @@ int ShareRoot::Identify(int fd, struct stat* st, InodeIdentity* identity,
                         const InodeIdentity* like) const {
     struct statx x;
     if (statx(fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &x) != 0) return -1;
-    *st = {};
-    st->st_dev = makedev(x.stx_dev_major, x.stx_dev_minor);
-    st->st_ino = x.stx_ino;
-    st->st_mode = x.stx_mode;
-    st->st_nlink = x.stx_nlink;
-    st->st_uid = x.stx_uid;
-    st->st_gid = x.stx_gid;
-    st->st_rdev = makedev(x.stx_rdev_major, x.stx_rdev_minor);
-    st->st_size = static_cast<off_t>(x.stx_size);
-    st->st_blksize = x.stx_blksize;
-    st->st_blocks = static_cast<blkcnt_t>(x.stx_blocks);
-    st->st_atim = {x.stx_atime.tv_sec, x.stx_atime.tv_nsec};
-    st->st_mtim = {x.stx_mtime.tv_sec, x.stx_mtime.tv_nsec};
-    st->st_ctim = {x.stx_ctime.tv_sec, x.stx_ctime.tv_nsec};
-    *identity = {x.stx_ino, 0, 0};
-    if ((x.stx_mask & STATX_BTIME) != 0) {
-        identity->birthSeconds = x.stx_btime.tv_sec;
-        identity->birthNanoseconds = x.stx_btime.tv_nsec;
-    }
+    Looked looked;
+    FromStatx(x, &looked);
+    *st = looked.st;
+    *identity = {x.stx_ino, looked.birthSeconds, looked.birthNanoseconds};
     uint64_t origin;
     if (layered_ && (like == nullptr || like->IsOrigin()) && LayerOriginOf(fd, &origin)) {
         identity->birthSeconds = static_cast<int64_t>(origin);

@@ -25,6 +25,26 @@ extern const uint64_t kInsideShare;
 // the contents, so that a device or FIFO is not touched. A symbolic link is opened itself.
 UniqueFd OpenInside(int directory, const char* path);
 
+// What a name leads to, as OpenInside would open it, without opening it.
+struct Looked {
+    struct stat st;
+    // When the object was made. 0 and 0 where the file system keeps no birth times.
+    int64_t birthSeconds;
+    uint32_t birthNanoseconds;
+    bool HasBirth() const { return birthSeconds != 0 || birthNanoseconds != 0; }
+};
+// kCannotTell: the kernel is too old to say where another file system begins.
+enum class Look { kFound, kFailed, kCannotTell };
+// `name` is one name in `directory`. kFailed with errno, as OpenInside gives it.
+Look LookInside(int directory, const char* name, Looked* looked);
+// The same of what is open. False with errno.
+bool LookAt(int fd, Looked* looked);
+// Of statx(2); both times zero where there is no birth time.
+void FromStatx(const struct statx& x, Looked* looked);
+
+// The directory that `fd` stands for, opened for reading with the thread's rights.
+UniqueFd OpenDirectory(int fd);
+
 // Whether the thread's file-system ids may use `fd` with `mode` (R_OK, W_OK, X_OK). 0, or -1.
 int AccessFd(int fd, int mode);
 
@@ -51,6 +71,11 @@ int64_t NowMs();
 inline int64_t ChangeTime(const struct stat& st) {
     return int64_t{st.st_ctim.tv_sec} * 1000000000 + st.st_ctim.tv_nsec;
 }
+
+// A duplicate whose number no select() could watch, when there may be such numbers, else any: what
+// stays open as long as its share leaves the low numbers to connections. Empty with errno when
+// there is none.
+UniqueFd DupAside(int fd);
 
 // Closes what is only kept open to save time, or half of it. Called when the process is out of
 // descriptors. False when there was nothing.

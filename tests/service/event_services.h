@@ -30,9 +30,13 @@ inline RpcCall GetattrOf(uint32_t share, uint32_t uid, uint32_t xid) {
 
 class HardenedServices {
   public:
-    // `settings`: more lines of section "Oxel".
+    // `settings`: more lines of section "Oxel". With one receive loop unless they say otherwise:
+    // the last of two equal keys wins.
     explicit HardenedServices(const std::string& settings = "")
-        : root_("[Oxel]\nnHardened = 1\nnNfs3Port = 0\nnAllowOtherNFSServers = 1\n" + settings) {
+        : root_(
+              "[Oxel]\nnHardened = 1\nnNfs3Port = 0\nnAllowOtherNFSServers = 1\n"
+              "nReceiveThreads = 1\n" +
+              settings) {
         signal(SIGPIPE, SIG_IGN);
         std::string failedStep;
         EXPECT_TRUE(StartNetworkServices(failedStep)) << failedStep;

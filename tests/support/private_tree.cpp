@@ -62,6 +62,17 @@ bool SanitizerBuild() {
 #endif
 }
 
+bool HardenedRun() {
+    return getenv("OXEL_TEST_HARDENED") != nullptr;
+}
+
+// At the end, so that the numbers of lines which tests know stay.
+static void AddHardening(const PrivateTree& tree, const std::string& instance) {
+    const std::string conf = ReadFile(tree.Path("etc/oxelnfsd/" + instance + ".conf"));
+    if (conf.find("nHardened") == std::string::npos)
+        tree.WriteConf(instance, conf + "\n[Oxel]\nnHardened = 1\n");
+}
+
 PrivateTree::PrivateTree() {
     char name[] = "/tmp/oxel_tree_XXXXXX";
     const char* made = mkdtemp(name);
@@ -161,6 +172,7 @@ Daemon::~Daemon() {
 
 void Daemon::Launch(const std::vector<std::string>& arguments) {
     ASSERT_FALSE(Running());
+    if (HardenedRun()) AddHardening(tree_, instance_);
     unlink(tree_.Path("run/oxelnfsd/" + instance_ + "/runtime.conf").c_str());
     int fd = open(tree_.Path(instance_ + ".stderr").c_str(),
                   O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);

@@ -62,7 +62,7 @@ class Daemon {
 
     // Starts it and waits until all services answer. False with the log shown when it does not.
     bool Start(const std::vector<std::string>& arguments = {"-no_pm_reg"});
-    // Starts it and does not wait for anything.
+    // Starts it, hardened in a hardened run, and does not wait for anything.
     void Launch(const std::vector<std::string>& arguments);
     // The exit code of a launched daemon that ends by itself; -1 when it does not, 128 + the number
     // of the signal that ended it.
@@ -111,5 +111,9 @@ std::string ControlProgram();
 
 // Whether the tests were built with a sanitizer; the daemon then is slow.
 bool SanitizerBuild();
+
+// Whether this is the run of the tests (OXEL_TEST_HARDENED) in which every daemon whose
+// configuration does not decide it itself is hardened.
+bool HardenedRun();
 
 }  // namespace oxel::test

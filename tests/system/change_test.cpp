@@ -14,19 +14,19 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/modes.h"
 #include "tests/support/private_tree.h"
 #include "tests/system/libnfs_client.h"
-#include "tests/system/modes.h"
 
 namespace oxel::test {
 namespace {
 
-class Change : public testing::TestWithParam<Threads> {
+class Change : public testing::TestWithParam<Mode> {
   protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "files change their owners here";
         root_ = tree_.MakeDir("share");
-        tree_.WriteConf("wire", "[Oxel]\nnNfs3Port = 0\n" + ThreadsSetting(GetParam()));
+        tree_.WriteConf("wire", "[Oxel]\nnNfs3Port = 0\n" + ModeSettings(GetParam()));
         tree_.WriteExports("wire", "/tree -dir=" + root_ + " *(rw,no_root_squash,insecure)\n");
         ASSERT_TRUE(daemon_.Start());
         client_ = std::make_unique<LibnfsClient>(daemon_.Port(), "/tree");
@@ -244,8 +244,7 @@ TEST_P(Change, NamesThatCannotBeAreRefused) {
     ExpectGone(longest);
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, Change, testing::Values(Threads::kMany, Threads::kOne),
-                         testing::PrintToStringParamName());
+OXEL_ALL_MODES(Change);
 
 }  // namespace
 }  // namespace oxel::test

@@ -206,7 +206,7 @@ TEST(Containment, SwappedDirectoriesLeadNowhere) {
     tree.Write("share/d/sub/f", "inside");
     ASSERT_EQ(symlink((outside.Directory() + "/d").c_str(), (share + "/beside").c_str()), 0);
     ASSERT_EQ(symlink("/", (share + "/top").c_str()), 0);
-    tree.WriteConf("wire", "[Log]\nnLogLevel = 0\n[Oxel]\nnNfs3Port = 0\nnHardened = 1\n");
+    tree.WriteConf("wire", "[Log]\nnLogLevel = 0\n[Oxel]\nnNfs3Port = 0\n");
     tree.WriteExports("wire", "/share -dir=" + share + ",id=7 *(rw,no_root_squash,insecure)\n");
     Daemon daemon(tree);
     ASSERT_TRUE(daemon.Start());

@@ -11,10 +11,10 @@
 #include <filesystem>
 #include <system_error>
 
+#include "tests/support/modes.h"
 #include "tests/support/private_tree.h"
 #include "tests/system/generated_tree.h"
 #include "tests/system/libnfs_client.h"
-#include "tests/system/modes.h"
 #include "tests/system/tree_comparison.h"
 #include "tests/system/tree_copy.h"
 
@@ -23,14 +23,14 @@ namespace {
 
 constexpr unsigned kSeed = 20260713;
 
-class Copy : public testing::TestWithParam<Threads> {
+class Copy : public testing::TestWithParam<Mode> {
   protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "the tree has files of other owners";
         source_ = tree_.MakeDir("source");
         target_ = InMemory();
         if (target_.empty()) target_ = tree_.MakeDir("target");
-        tree_.WriteConf("wire", "[Oxel]\nnNfs3Port = 0\n" + ThreadsSetting(GetParam()));
+        tree_.WriteConf("wire", "[Oxel]\nnNfs3Port = 0\n" + ModeSettings(GetParam()));
         tree_.WriteExports("wire", "/tree -dir=" + target_ +
                                        " *(rw,no_root_squash,insecure)\n/look -dir=" + target_ +
                                        " *(ro,no_root_squash,insecure)\n");
@@ -63,7 +63,7 @@ class Copy : public testing::TestWithParam<Threads> {
 
 TEST_P(Copy, ATreeArrivesAsItIs) {
     const size_t objects =
-        (GetParam() == Threads::kMany ? 10000 : 2500) / (SanitizerBuild() ? 10 : 1);
+        (GetParam() == Mode::kManyThreads ? 10000 : 2500) / (SanitizerBuild() ? 10 : 1);
     GenerateTree(source_, objects, kSeed);
     ASSERT_FALSE(HasFailure()) << "seed " << kSeed;
     {
@@ -153,8 +153,7 @@ TEST_P(Copy, AFileWithHolesIsWrittenAndReadBeyondFourGibibytes) {
     EXPECT_TRUE(ReadFile(target_ + "/sparse") == piece.substr(0, 7));
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, Copy, testing::Values(Threads::kMany, Threads::kOne),
-                         testing::PrintToStringParamName());
+OXEL_ALL_MODES(Copy);
 
 }  // namespace
 }  // namespace oxel::test

@@ -15,6 +15,7 @@
 #include <shared_mutex>
 #include <thread>
 
+#include "tests/support/modes.h"
 #include "tests/support/private_tree.h"
 #include "tests/system/integrity_client.h"
 #include "tests/system/local_tree.h"
@@ -414,16 +415,18 @@ class CrashClient {
     bool namesUnsure_ = false;
 };
 
-TEST(Crash, WhatWasAnsweredAsDoneSurvivesTheDaemon) {
+class Crash : public testing::TestWithParam<Mode> {};
+
+TEST_P(Crash, WhatWasAnsweredAsDoneSurvivesTheDaemon) {
     PrivateTree tree;
     Daemon daemon(tree);
     const std::string share = tree.MakeDir("share");
     tree.WriteExports("wire", "/share -dir=" + share + ",id=7 *(rw,no_root_squash,insecure)\n");
-    tree.WriteConf("wire", "[Log]\nnLogLevel = 1\n[Oxel]\nnNfs3Port = 0\nnHardened = 1\n");
+    const std::string conf = "[Log]\nnLogLevel = 1\n[Oxel]\n" + ModeSettings(GetParam());
+    tree.WriteConf("wire", conf + "nNfs3Port = 0\n");
     ASSERT_TRUE(daemon.Start());
     const uint16_t port = daemon.Port();
-    tree.WriteConf("wire", "[Log]\nnLogLevel = 1\n[Oxel]\nnHardened = 1\nnNfs3Port = " +
-                               std::to_string(port) + "\n");
+    tree.WriteConf("wire", conf + "nNfs3Port = " + std::to_string(port) + "\n");
     const uint64_t seed = IntegritySeed();
     Random random(seed);
     Lives lives(port);
@@ -435,7 +438,7 @@ TEST(Crash, WhatWasAnsweredAsDoneSurvivesTheDaemon) {
     std::vector<std::thread> threads;
     for (CrashClient& client : clients) threads.emplace_back([&client] { client.Run(); });
 
-    const auto end = IntegrityEnd(0.5);
+    const auto end = IntegrityEnd(IsHardened(GetParam()) ? 0.3 : 0.2);
     unsigned kills = 0;
     do {  // once at least, however busy the machine is
         // Now and then at once, while clients still recover.
@@ -454,6 +457,9 @@ TEST(Crash, WhatWasAnsweredAsDoneSurvivesTheDaemon) {
     EXPECT_GT(kills, 0u);
     EXPECT_GT(recoveries, 0u);
 }
+
+INSTANTIATE_TEST_SUITE_P(Modes, Crash, testing::Values(Mode::kManyThreads, Mode::kHardened),
+                         testing::PrintToStringParamName());
 
 }  // namespace
 }  // namespace oxel::test

@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/modes.h"
 #include "tests/support/private_tree.h"
 #include "tests/system/libnfs_client.h"
-#include "tests/system/modes.h"
 
 namespace oxel::test {
 namespace {
@@ -179,11 +179,11 @@ std::vector<Operation> Operations() {
     };
 }
 
-class Denial : public testing::TestWithParam<Threads> {
+class Denial : public testing::TestWithParam<Mode> {
   protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "other users need root";
-        tree_.WriteConf("wire", "[Oxel]\nnNfs3Port = 0\n" + ThreadsSetting(GetParam()));
+        tree_.WriteConf("wire", "[Oxel]\nnNfs3Port = 0\n" + ModeSettings(GetParam()));
         tree_.WriteExports("wire", "/tree -dir=" + tree_.MakeDir("share") + " *(rw,insecure)\n");
         tree_.MakeDir("local");
         ASSERT_TRUE(daemon_.Start());
@@ -275,8 +275,7 @@ TEST_P(Denial, WhatAUserMakesIsHis) {
     EXPECT_EQ(ReadFile(tree_.Path("share/all/file of user")), "text");
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, Denial, testing::Values(Threads::kMany, Threads::kOne),
-                         testing::PrintToStringParamName());
+OXEL_ALL_MODES(Denial);
 
 }  // namespace
 }  // namespace oxel::test

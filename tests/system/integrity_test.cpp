@@ -11,6 +11,7 @@
 #include <deque>
 #include <thread>
 
+#include "tests/support/modes.h"
 #include "tests/support/private_tree.h"
 #include "tests/system/integrity_client.h"
 
@@ -209,7 +210,7 @@ class IntegrityClient {
     uint64_t operations_ = 0, bytes_ = 0;
 };
 
-class Integrity : public testing::Test {
+class Integrity : public testing::TestWithParam<Mode> {
   protected:
     void StartDaemon(const std::string& conf) {
         tree_.MakeDir("share");
@@ -257,16 +258,15 @@ class Integrity : public testing::Test {
     Daemon daemon_{tree_};
 };
 
-TEST_F(Integrity, WhatIsReadIsWhatWasWrittenLast) {
-    ASSERT_NO_FATAL_FAILURE(StartDaemon("nHardened = 1\n"));
-    WriteAndRead(0.375);
+TEST_P(Integrity, WhatIsReadIsWhatWasWrittenLast) {
+    // With one thread, descriptors come and go with every call besides.
+    const bool oneThread = IsOneThread(GetParam());
+    ASSERT_NO_FATAL_FAILURE(
+        StartDaemon(ModeSettings(GetParam()) + (oneThread ? "oxelFdCacheSize = 1\n" : "")));
+    WriteAndRead(oneThread ? 0.1 : 0.2);
 }
 
-// Descriptors come and go with every call, and all calls are done by one thread.
-TEST_F(Integrity, TheSameWithOneThreadAndNoKeptDescriptors) {
-    ASSERT_NO_FATAL_FAILURE(StartDaemon("nDisableMultiThreadRPC = 1\noxelFdCacheSize = 1\n"));
-    WriteAndRead(0.125);
-}
+OXEL_ALL_MODES(Integrity);
 
 }  // namespace
 }  // namespace oxel::test

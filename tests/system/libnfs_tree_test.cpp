@@ -8,22 +8,21 @@
 #include <atomic>
 #include <thread>
 
+#include "tests/support/modes.h"
 #include "tests/support/nfs_client.h"
 #include "tests/support/private_tree.h"
 #include "tests/system/libnfs_client.h"
 #include "tests/system/local_tree.h"
-#include "tests/system/modes.h"
 #include "tests/system/tree_comparison.h"
 
 namespace oxel::test {
 namespace {
 
-class LibnfsTree : public testing::TestWithParam<Threads> {
+class LibnfsTree : public testing::TestWithParam<Mode> {
   protected:
     void SetUp() override {
         directory_ = LargeTree();
-        tree_.WriteConf("wire", std::string("[Oxel]\nnNfs3Port = 0\nnDisableMultiThreadRPC = ") +
-                                    (GetParam() == Threads::kOne ? "1" : "0") + "\n");
+        tree_.WriteConf("wire", "[Oxel]\nnNfs3Port = 0\n" + ModeSettings(GetParam()));
         tree_.WriteExports("wire", "/tree -dir=" + directory_ + " *(ro,no_root_squash,insecure)\n");
         ASSERT_TRUE(daemon_.Start());
     }
@@ -36,9 +35,13 @@ class LibnfsTree : public testing::TestWithParam<Threads> {
 TEST_P(LibnfsTree, OneClientSeesEveryNameAttributeLinkAndByte) {
     LibnfsClient client(daemon_.Port(), "/tree");
     ASSERT_TRUE(client.Mounted());
-    TreeComparison comparison(
-        client, daemon_.Port(), "/tree", directory_, TreeComparison::Share::kReadOnly,
-        [](size_t file) { return GetParam() == Threads::kMany || file % 4 == 0; });
+    TreeComparison comparison(client, daemon_.Port(), "/tree", directory_,
+                              TreeComparison::Share::kReadOnly, [](size_t file) {
+                                  // Every name and attribute in every mode, the contents mostly in
+                                  // one.
+                                  return GetParam() == Mode::kManyThreads ||
+                                         file % (IsHardened(GetParam()) ? 8 : 4) == 0;
+                              });
     comparison.Run();
     EXPECT_GE(comparison.Files(), LargeTreeFilesMin()) << directory_;
     RecordProperty("objects", static_cast<int>(comparison.Objects()));
@@ -64,16 +67,14 @@ TEST_P(LibnfsTree, FourClientsAtOnceSeeTheSame) {
     EXPECT_GE(files, kClients * LargeTreeFilesMin()) << directory_;
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, LibnfsTree, testing::Values(Threads::kMany, Threads::kOne),
-                         testing::PrintToStringParamName());
+OXEL_ALL_MODES(LibnfsTree);
 
 // What a program does with files: made, written, read back, renamed, removed, through the library.
 class LibnfsWork : public LibnfsTree {
   protected:
     void SetUp() override {
         directory_ = tree_.MakeDir("share");
-        tree_.WriteConf("wire", std::string("[Oxel]\nnNfs3Port = 0\nnDisableMultiThreadRPC = ") +
-                                    (GetParam() == Threads::kOne ? "1" : "0") + "\n");
+        tree_.WriteConf("wire", "[Oxel]\nnNfs3Port = 0\n" + ModeSettings(GetParam()));
         tree_.WriteExports("wire", "/tree -dir=" + directory_ + " *(rw,no_root_squash,insecure)\n");
         ASSERT_TRUE(daemon_.Start());
     }
@@ -118,8 +119,7 @@ TEST_P(LibnfsWork, FilesAreMadeWrittenRenamedAndRemoved) {
     EXPECT_TRUE(LocalNames(directory_).empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, LibnfsWork, testing::Values(Threads::kMany, Threads::kOne),
-                         testing::PrintToStringParamName());
+OXEL_ALL_MODES(LibnfsWork);
 
 }  // namespace
 }  // namespace oxel::test

@@ -14,9 +14,9 @@
 #include <memory>
 #include <vector>
 
+#include "tests/support/modes.h"
 #include "tests/support/private_tree.h"
 #include "tests/system/libnfs_client.h"
-#include "tests/system/modes.h"
 
 namespace oxel::test {
 namespace {
@@ -222,12 +222,12 @@ class Client final : public Actor {
     LibnfsClient client_, reader_;
 };
 
-class Visibility : public testing::TestWithParam<Threads> {
+class Visibility : public testing::TestWithParam<Mode> {
   protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "files change their owners here";
         root_ = tree_.MakeDir("share");
-        tree_.WriteConf("wire", "[Oxel]\nnNfs3Port = 0\n" + ThreadsSetting(GetParam()));
+        tree_.WriteConf("wire", "[Oxel]\nnNfs3Port = 0\n" + ModeSettings(GetParam()));
         tree_.WriteExports("wire", "/tree -dir=" + root_ +
                                        " *(rw,no_root_squash,insecure)\n/look -dir=" + root_ +
                                        " *(ro,no_root_squash,insecure)\n");
@@ -395,8 +395,7 @@ TEST_P(Visibility, AnOpenFileThatOthersRemoveIsStale) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, Visibility, testing::Values(Threads::kMany, Threads::kOne),
-                         testing::PrintToStringParamName());
+OXEL_ALL_MODES(Visibility);
 
 }  // namespace
 }  // namespace oxel::test

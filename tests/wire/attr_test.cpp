@@ -312,7 +312,7 @@ TEST_P(Attr, ARefusedClientWithAHandleGetsNothing) {
     EXPECT_TRUE(daemon_.WaitForLog("This object is not accessible to client [127.0.0.1]"));
 }
 
-OXEL_BOTH_MODES(Attr);
+OXEL_ALL_MODES(Attr);
 
 }  // namespace
 }  // namespace oxel::test

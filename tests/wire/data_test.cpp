@@ -234,7 +234,7 @@ TEST_P(Data, UsersHaveTheirOwnRights) {
     EXPECT_EQ(other.Read(handle, 0, 10), "secret");
 }
 
-OXEL_BOTH_MODES(Data);
+OXEL_ALL_MODES(Data);
 
 // The configured transfer size, from end to end.
 class TransferSize : public WireTest {
@@ -262,7 +262,7 @@ TEST_P(TransferSize, DummyTransfersTouchNoData) {
     EXPECT_EQ(ReadFile(tree_.Path("rw/file")), "kept");
 }
 
-OXEL_BOTH_MODES(TransferSize);
+OXEL_ALL_MODES(TransferSize);
 
 }  // namespace
 }  // namespace oxel::test

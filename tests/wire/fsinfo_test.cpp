@@ -106,7 +106,7 @@ TEST_P(Fsinfo, AVanishedObjectIsNoentForTheFileSystemAndStaleForPathconf) {
     EXPECT_TRUE(daemon_.WaitForLog("Error: FS Root obect is not found."));
 }
 
-OXEL_BOTH_MODES(Fsinfo);
+OXEL_ALL_MODES(Fsinfo);
 
 }  // namespace
 }  // namespace oxel::test

@@ -169,7 +169,7 @@ TEST_P(Mount, MountsAreRememberedOnDisk) {
     EXPECT_TRUE(found);
 }
 
-OXEL_BOTH_MODES(Mount);
+OXEL_ALL_MODES(Mount);
 
 }  // namespace
 }  // namespace oxel::test

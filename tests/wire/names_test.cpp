@@ -330,7 +330,7 @@ TEST_P(Names, ChangesOnAReadOnlyShareAreRefused) {
         Hex(StatusWord(kAcces) + Nothing() + none));
 }
 
-OXEL_BOTH_MODES(Names);
+OXEL_ALL_MODES(Names);
 
 }  // namespace
 }  // namespace oxel::test

@@ -336,7 +336,7 @@ TEST_P(Outside, NamesNeverWalk) {
     }
 }
 
-OXEL_BOTH_MODES(Outside);
+OXEL_ALL_MODES(Outside);
 
 }  // namespace
 }  // namespace oxel::test

@@ -207,7 +207,7 @@ TEST_P(Readdir, AVanishedDirectoryIsStale) {
     EXPECT_EQ(client_->ReadDirectoryPlus(gone, 0, 4096, 4096).status, 70u);
 }
 
-OXEL_BOTH_MODES(Readdir);
+OXEL_ALL_MODES(Readdir);
 
 }  // namespace
 }  // namespace oxel::test

@@ -388,8 +388,11 @@ TEST_F(Reload, ReloadsAndHangUpsAtOnceEndWithTheFileAsItIs) {
         threads.emplace_back([&] {
             for (int n = 0; n < 10; ++n) {
                 ControlReply reply;
-                EXPECT_TRUE(ControlCall(tree_.Path("run/oxelnfsd/wire/control.sock"),
-                                        {{"verb", n % 2 == 0 ? "reload" : "exports"}}, 0, &reply));
+                do {
+                    ASSERT_TRUE(ControlCall(tree_.Path("run/oxelnfsd/wire/control.sock"),
+                                            {{"verb", n % 2 == 0 ? "reload" : "exports"}}, 0,
+                                            &reply));
+                } while (!reply.ok && reply.error.find("is busy") != std::string::npos);
                 EXPECT_TRUE(reply.ok) << reply.error;
             }
         });

@@ -328,12 +328,11 @@ TEST_P(Rpc, EmptyRecordsAndFragmentsDoNoHarm) {
     }
 }
 
-OXEL_BOTH_MODES(Rpc);
+OXEL_ALL_MODES(Rpc);
 
-// Unknown procedures keep their record for good, unless the daemon is hardened.
+// A call of an unknown procedure keeps its record for good. Hardened, it gives it back.
 class UnknownProcedures : public WireTest {
   protected:
-    void SetUp() override {}
     void SendUnknown(int count) {
         RpcConnection connection(Port());
         for (int i = 0; i < count; ++i) {
@@ -345,7 +344,6 @@ class UnknownProcedures : public WireTest {
 };
 
 TEST_P(UnknownProcedures, TwentyFiveOfThemBlockTheService) {
-    StartDaemon("");
     SendUnknown(24);
     ExpectServing();
     SendUnknown(1);
@@ -356,13 +354,16 @@ TEST_P(UnknownProcedures, TwentyFiveOfThemBlockTheService) {
     daemon_.Kill();
 }
 
-TEST_P(UnknownProcedures, AreHarmlessWhenHardened) {
-    StartDaemon("nHardened = 1\n");
+OXEL_DEFAULT_MODES(UnknownProcedures);
+
+using HardenedUnknownProcedures = UnknownProcedures;
+
+TEST_P(HardenedUnknownProcedures, AreHarmless) {
     SendUnknown(60);
     ExpectServing();
 }
 
-OXEL_BOTH_MODES(UnknownProcedures);
+OXEL_HARDENED_MODES(HardenedUnknownProcedures);
 
 }  // namespace
 }  // namespace oxel::test

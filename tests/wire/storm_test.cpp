@@ -170,7 +170,7 @@ TEST_P(Storm, ManyClientsWorkAtOnce) {
     ExpectNothingUsedUp();
 }
 
-TEST_P(Storm, MoreConnectionsThanCanBeWatchedAreRefusedAndTheOthersServed) {
+TEST_P(Storm, MoreConnectionsThanSelectCanWatchDoNotStopTheService) {
     rlimit limit{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     if (limit.rlim_max < 2048) GTEST_SKIP() << "this host allows too few descriptors";
@@ -182,7 +182,12 @@ TEST_P(Storm, MoreConnectionsThanCanBeWatchedAreRefusedAndTheOthersServed) {
         const std::string root = steady.MountShare("/rw");
         std::vector<std::unique_ptr<RpcConnection>> crowd;
         for (int i = 0; i < 1100; ++i) crowd.push_back(std::make_unique<RpcConnection>(Port()));
-        EXPECT_TRUE(crowd.back()->ClosedByPeer());
+        // The hardened loop does not watch with select(), which ends at descriptor 1023.
+        if (IsHardened(GetParam())) {
+            EXPECT_EQ(crowd.back()->CallRaw(RpcCall()), SuccessReply(1, ""));
+        } else {
+            EXPECT_TRUE(crowd.back()->ClosedByPeer());
+        }
         EXPECT_EQ(crowd[500]->CallRaw(RpcCall()), SuccessReply(1, ""));
         EXPECT_EQ(steady.GetAttributes(root).type, 2u);
     }
@@ -195,13 +200,10 @@ TEST_P(Storm, MoreConnectionsThanCanBeWatchedAreRefusedAndTheOthersServed) {
     ExpectServing();
 }
 
-OXEL_BOTH_MODES(Storm);
+OXEL_ALL_MODES(Storm);
 
 // What hardening must not change, and what it bounds.
-class Hardened : public Storm {
-  protected:
-    void SetUp() override { ASSERT_NO_FATAL_FAILURE(StartDaemon("nHardened = 1\n")); }
-};
+using Hardened = Storm;
 
 TEST_P(Hardened, ARecordBeyondTheBoundEndsItsConnection) {
     RpcConnection connection(Port());
@@ -233,7 +235,7 @@ TEST_P(Hardened, OrdinaryCallsGetOrdinaryAnswers) {
     ExpectNothingUsedUp();
 }
 
-OXEL_BOTH_MODES(Hardened);
+OXEL_HARDENED_MODES(Hardened);
 
 }  // namespace
 }  // namespace oxel::test

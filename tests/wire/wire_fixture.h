@@ -1,42 +1,34 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The daemon with a handful of shares, once with its thread pools and once with everything on the
-// receive thread: what a client sees must not tell the two apart.
+// The daemon with a handful of shares, in each of its modes: what a well-behaved client sees must
+// not tell them apart. A test of what differs by design says so.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <ostream>
 #include <string>
 
+#include "tests/support/modes.h"
 #include "tests/support/nfs_client.h"
 #include "tests/support/private_tree.h"
 #include "tests/support/rpc_client.h"
 
 namespace oxel::test {
 
-enum class Threads { kMany, kOne };
-inline void PrintTo(Threads threads, std::ostream* out) {
-    *out << (threads == Threads::kMany ? "ManyThreads" : "OneThread");
-}
-
 // Shares, all with "insecure" unless said otherwise:
 //   /rw      id 7   read-write, root is root         /ro     id 8   read-only
 //   /hidden  id 9   read-write, unlisted             /secure id 10  ports below 1024 only
 //   /other   id 11  for clients in 10.99.0.0/16      /second id 12  read-write
-class WireTest : public testing::TestWithParam<Threads> {
+class WireTest : public testing::TestWithParam<Mode> {
   protected:
     void SetUp() override { ASSERT_NO_FATAL_FAILURE(StartDaemon("")); }
 
     // `conf` is added to section "Oxel".
-    void StartDaemon(const std::string& conf) {
+    void StartDaemon(const std::string& conf, int logLevel = 4) {
         for (const char* name : {"rw", "ro", "hidden", "secure", "other", "second"})
             tree_.MakeDir(name);
-        const std::string oneThread = GetParam() == Threads::kOne ? "1" : "0";
-        tree_.WriteConf("wire",
-                        "[Log]\nnLogLevel = 4\n[Oxel]\nnNfs3Port = 0\n"
-                        "nDisableMultiThreadRPC = " +
-                            oneThread + "\n" + conf);
+        tree_.WriteConf("wire", "[Log]\nnLogLevel = " + std::to_string(logLevel) +
+                                    "\n[Oxel]\nnNfs3Port = 0\n" + ModeSettings(GetParam()) + conf);
         const std::string root = tree_.Root();
         tree_.WriteExports(
             "wire",
@@ -81,9 +73,5 @@ class WireTest : public testing::TestWithParam<Threads> {
     PrivateTree tree_;
     Daemon daemon_{tree_};
 };
-
-#define OXEL_BOTH_MODES(suite)                                                             \
-    INSTANTIATE_TEST_SUITE_P(Modes, suite, testing::Values(Threads::kMany, Threads::kOne), \
-                             testing::PrintToStringParamName())
 
 }  // namespace oxel::test

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What a running process uses, as /proc tells it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace oxel::test {
+
+// Memory in use now, and the most since the last ForgetPeak(); KiB. 0, with the test failed, when
+// the process is gone.
+uint64_t ResidentKiB(pid_t pid);
+uint64_t PeakResidentKiB(pid_t pid);
+void ForgetPeak(pid_t pid);
+
+size_t OpenDescriptors(pid_t pid);
+
+}  // namespace oxel::test
