@@ -470,11 +470,10 @@ TEST_IN_CHILD(EventCalls, OfClientsThatHaveGoneAreFinishedForNobody) {
     gate.Open();
     // Meanwhile others are served, with buffers of the same pool.
     for (int i = 0; i < 20; ++i) {
-        RpcClient half = services.Connect();
-        half.Send(NfsService::Null(1).Bytes().substr(0, 20));
+        RpcClient other = services.Connect();
+        other.Send(NfsService::Null(1).Bytes().substr(0, 20));
         EXPECT_TRUE(services.Answers());
     }
-    other.Close();
     Eventually([] { return Connection::Count() == 0; });
 }
 

@@ -4,145 +4,30 @@
 // come out of it; and nobody can make the reader take more than its bounds say.
 #include "bin/oxelService_records.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <new>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "base/unique_fd.h"
+#include "record_reading.h"
 
-using oxel::UniqueFd;
+using oxel::test::gBuffersMade;
+using oxel::test::gMemoryIsShort;
+using oxel::test::InFragments;
+using oxel::test::kBounds;
+using oxel::test::kLast;
+using oxel::test::kShort;
+using oxel::test::Mark;
+using oxel::test::Payload;
+using oxel::test::Pieces;
+using oxel::test::Reading;
+using oxel::test::Whole;
 using Filled = RecordReader::Filled;
 using Found = RecordReader::Found;
 
 namespace {
-
-// What buffers are made with: counted, and refused on demand.
-size_t gBuffersMade = 0;
-bool gMemoryIsShort = false;
-
-}  // namespace
-
-void* operator new[](size_t bytes, const std::nothrow_t&) noexcept {
-    ++gBuffersMade;
-    return gMemoryIsShort ? nullptr : malloc(bytes);
-}
-void* operator new[](size_t bytes) {
-    return malloc(bytes);
-}
-void operator delete[](void* memory) noexcept {
-    free(memory);
-}
-void operator delete[](void* memory, size_t) noexcept {
-    free(memory);
-}
-
-namespace {
-
-constexpr uint32_t kLast = 0x80000000u;
-constexpr RecordBounds kBounds{(256 << 10) + (8 << 10), 1024};
-// Their buffers are made soonest.
-constexpr RecordBounds kShort{4 << 10, 1024};
-
-std::string Mark(uint32_t word) {
-    word = htonl(word);
-    return std::string(reinterpret_cast<const char*>(&word), sizeof word);
-}
-
-// One record of the given fragments.
-std::string InFragments(const std::vector<std::string>& fragments) {
-    std::string bytes;
-    for (size_t i = 0; i < fragments.size(); ++i)
-        bytes += Mark(static_cast<uint32_t>(fragments[i].size()) |
-                      (i + 1 == fragments.size() ? kLast : 0)) +
-                 fragments[i];
-    return bytes;
-}
-std::string Whole(const std::string& payload) {
-    return InFragments({payload});
-}
-
-// Bytes that differ from place to place and from record to record.
-std::string Payload(size_t size, unsigned seed = 1) {
-    std::string bytes(size, '\0');
-    uint32_t state = seed * 2654435761u + 1;
-    for (char& byte : bytes) {
-        state = state * 1664525u + 1013904223u;
-        byte = static_cast<char>(state >> 24);
-    }
-    return bytes;
-}
-
-std::vector<std::string> Pieces(const std::string& payload, size_t bytes) {
-    std::vector<std::string> pieces;
-    for (size_t at = 0; at < payload.size(); at += bytes)
-        pieces.push_back(payload.substr(at, bytes));
-    return pieces;
-}
-
-// A reader and the socket that it reads from.
-class Reading {
-  public:
-    explicit Reading(const RecordBounds& bounds = kBounds)
-        : pool(bounds.bytes), reader(bounds, pool) {
-        int ends[2] = {-1, -1};
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-        client.Reset(ends[0]);
-        server.Reset(ends[1]);
-        const int bytes = 4 << 20;
-        EXPECT_EQ(setsockopt(client.Get(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes), 0);
-    }
-
-    void Send(const std::string& bytes) const {
-        ASSERT_EQ(send(client.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL),
-                  static_cast<ssize_t>(bytes.size()));
-    }
-    // Takes everything that has come; false when the reader has found what is final.
-    bool Take() {
-        for (bool drained = false;;) {
-            switch (last = reader.Look()) {
-                case Found::kRecord:
-                    records.emplace_back(reader.Record(), reader.RecordBytes());
-                    misaligned += reinterpret_cast<uintptr_t>(reader.Record()) % 4 != 0;
-                    reader.Consume();
-                    continue;
-                case Found::kPartial:
-                    break;
-                default:
-                    return false;
-            }
-            if (drained) return true;
-            ++fills;
-            switch (filled = reader.Fill(server.Get())) {
-                case Filled::kAll:
-                    drained = true;
-                    break;
-                case Filled::kMore:
-                    break;
-                default:
-                    return false;
-            }
-        }
-    }
-    void SendAndTake(const std::string& bytes) {
-        Send(bytes);
-        EXPECT_TRUE(Take());
-    }
-
-    UniqueFd client, server;
-    BufferPool pool;
-    RecordReader reader;
-    std::vector<std::string> records;
-    size_t misaligned = 0, fills = 0;
-    Found last = Found::kPartial;
-    Filled filled = Filled::kAll;
-};
 
 // The stream, cut at these positions, gives these records.
 void ExpectRecords(const RecordBounds& bounds, const std::string& stream,
@@ -282,6 +167,7 @@ TEST(Records, LargeOnesAreTheSameAroundEachFragmentsBegin) {
 }
 
 // Any stream, any split: what was sent comes out.
+
 TEST(Records, OfRandomStreamsAreTheSameInRandomPieces) {
     constexpr unsigned kSeed = 20260514;
     std::mt19937 random(kSeed);
@@ -362,6 +248,7 @@ TEST(Records, ALargeOneIsReadInTwoStepsAndTheNextOfItsKindInOne) {
 }
 
 // The library decodes in whole words where it finds them aligned.
+
 TEST(Records, PayloadsAreAlignedWhenRecordsAreWholeWords) {
     Reading reading;
     std::string stream;
@@ -500,20 +387,6 @@ TEST(Records, AreReadInSmallStepsWhereThatIsWanted) {
     EXPECT_EQ(reading.records.size(), 2u);
 }
 
-TEST(RecordBuffers, TellWhatTheyTakeInMemory) {
-    Reading reading;
-    EXPECT_EQ(reading.reader.BytesHeld(), 0u);
-    reading.SendAndTake(Whole("small") + Mark(kLast | 10) + "a");
-    EXPECT_EQ(reading.reader.BytesHeld(), 14u);
-    reading.SendAndTake("bcdefghij" + Whole(Payload(100000)) + "\x80");
-    EXPECT_GT(reading.reader.BytesHeld(), 100000u) << "though there is next to nothing in it now";
-    reading.reader.Discard();
-    EXPECT_EQ(reading.reader.BytesHeld(), 0u);
-    // The next one takes the same memory.
-    reading.SendAndTake("a");
-    EXPECT_GT(reading.reader.BytesHeld(), 100000u);
-}
-
 TEST(Records, WithoutMemoryNothingIsReadAndNothingIsLost) {
     Reading reading;
     reading.Send(Whole("patient"));
@@ -524,76 +397,4 @@ TEST(Records, WithoutMemoryNothingIsReadAndNothingIsLost) {
     gMemoryIsShort = false;
     EXPECT_TRUE(reading.Take());
     EXPECT_EQ(reading.records, std::vector<std::string>{"patient"});
-}
-
-TEST(RecordBuffers, AreGivenBackWhenThereIsNothingInThem) {
-    Reading reading;
-    gBuffersMade = 0;
-    reading.SendAndTake(Whole("one"));
-    reading.reader.Rest();
-    const BufferPool::Buffer other = reading.pool.Take();
-    EXPECT_EQ(gBuffersMade, 1u) << "it is the reader's";
-    reading.SendAndTake(Whole("two"));
-    EXPECT_EQ(gBuffersMade, 2u);
-    EXPECT_EQ(reading.records, (std::vector<std::string>{"one", "two"}));
-}
-
-TEST(RecordBuffers, AreKeptWhileARecordIsUnderWay) {
-    const std::vector<std::string> beginnings = {
-        std::string(1, '\0'),             // of a mark
-        Mark(kLast | 4),                  // a mark
-        Mark(kLast | 4) + "a",            // and some
-        Mark(4) + "abcd",                 // a fragment
-        Mark(0),                          // even an empty one
-        Whole("done") + Mark(0) + "\x80"  // after another record
-    };
-    for (const std::string& beginning : beginnings) {
-        Reading reading;
-        reading.SendAndTake(beginning);
-        EXPECT_TRUE(reading.reader.Begun());
-        gBuffersMade = 0;
-        reading.reader.Rest();
-        const BufferPool::Buffer other = reading.pool.Take();
-        EXPECT_EQ(gBuffersMade, 1u) << "the reader's was given away";
-    }
-}
-
-TEST(RecordBuffers, AreGivenBackByAReaderThatStops) {
-    BufferPool pool(kBounds.bytes);
-    gBuffersMade = 0;
-    for (int i = 0; i < 10; ++i) {
-        int ends[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-        const UniqueFd client(ends[0]), server(ends[1]);
-        ASSERT_EQ(send(client.Get(), "half", 4, 0), 4);
-        RecordReader reader(kBounds, pool);
-        ASSERT_EQ(reader.Look(), Found::kPartial);
-        ASSERT_EQ(reader.Fill(server.Get()), Filled::kAll);
-        reader.Discard();
-    }
-    EXPECT_EQ(gBuffersMade, 1u);
-}
-
-TEST(RecordBuffers, AreNotNeededToFindOutThatThereIsNothing) {
-    BufferPool pool(kBounds.bytes);
-    RecordReader reader(kBounds, pool);
-    gBuffersMade = 0;
-    EXPECT_EQ(reader.Look(), Found::kPartial);
-    reader.Rest();
-    EXPECT_FALSE(reader.Begun());
-    EXPECT_EQ(gBuffersMade, 0u);
-}
-
-TEST(RecordBuffers, OfFourMebibytesAreKeptAtMostButOneInAnyCase) {
-    for (const size_t recordBytes :
-         {size_t{9000}, kBounds.bytes, size_t{3} << 20, size_t{17} << 20}) {
-        BufferPool pool(recordBytes);
-        const size_t kept = std::max<size_t>(1, (4 << 20) / pool.BufferBytes());
-        std::vector<BufferPool::Buffer> buffers;
-        for (size_t i = 0; i < kept + 20; ++i) buffers.push_back(pool.Take());
-        for (BufferPool::Buffer& buffer : buffers) pool.Give(std::move(buffer));
-        gBuffersMade = 0;
-        for (BufferPool::Buffer& buffer : buffers) buffer = pool.Take();
-        EXPECT_EQ(gBuffersMade, 20u) << recordBytes;
-    }
 }
