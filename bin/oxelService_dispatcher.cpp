@@ -320,9 +320,13 @@ void* SendNFSRPC(void* record) {
         lockTarget = call->exportPtr->GetParentExport();
         if (!lockTarget) lockTarget = call->exportPtr;
     }
-    if (lockTarget) lockTarget->LockRpcSocket();
-    SendReply(call, __PRETTY_FUNCTION__);
-    if (lockTarget) lockTarget->UnlockRpcSocket();
+    if (lockTarget) {
+        lockTarget->LockRpcSocket();
+        SendReply(call, __PRETTY_FUNCTION__);
+        lockTarget->UnlockRpcSocket();
+    } else {
+        SendReply(call, __PRETTY_FUNCTION__);
+    }
     FinalRPCCleanup(call, call->transport);
     return nullptr;
 }
