@@ -50,7 +50,6 @@ class Connection {
     // reference is dropped.
     void End();
 
-    SVCXPRT* Transport() const { return transport_; }
     int Descriptor() const { return transport_->xp_fd; }
     bool Dead() const { return dead_.load(std::memory_order_acquire); }
     // Besides the library's. Exact for the receive thread as an upper bound.

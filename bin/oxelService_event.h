@@ -61,7 +61,7 @@ class EventConnection : public Connection {
     uint64_t recordNumber = 0;   // that recordSince is about
     int64_t recordSince = 0;     // seconds; when the record under way was first found unfinished
     int64_t activeSince = 0;     // seconds; its last turn
-    int64_t blockedSince = 0;    // seconds; 0: it takes its replies
+    int64_t blockedSince = 0;    // seconds; while it is paused for its client
     uint64_t bufferedBytes = 0;  // of its record under way, as counted by the loop
     size_t place = 0;            // among the loop's connections
 

@@ -58,8 +58,7 @@ void EventLoop::End(EventConnection* connection, EndReason reason, const std::st
     CountEnd(reason, connection->Address(), text);
     connection->Flush();  // the answers to what it asked before
     (void)epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, connection->Descriptor(), nullptr);
-    if (connection->ready) std::erase(ready_, connection);
-    if (connection->pause != Pause::kNone) std::erase(paused_, connection);
+    TakeOut(connection);
     SetPause(connection, Pause::kNone);
     if (!connection->elsewhere) connection->input.Discard();  // else the buffer is in use
     CountBuffered(connection, 0);

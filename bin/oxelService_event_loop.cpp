@@ -7,7 +7,6 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
-#include <ctime>
 #include <string>
 #include <utility>
 
@@ -37,12 +36,6 @@ constexpr size_t kFlushBytes = 64 << 10;
 // A share whose disk does not answer holds one thread up for each procedure, until calls of that
 // kind are known to be long. They are made only then.
 constexpr unsigned kThreadsMost = 22 + 10;
-
-int64_t CoarseSeconds() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return now.tv_sec;
-}
 
 }  // namespace
 
@@ -138,7 +131,6 @@ bool EventLoop::OnEvent(EventConnection* connection, uint32_t events) {
     if (connection->pause == Pause::kForClient) {
         switch (connection->replies.Continue(connection->Descriptor())) {
             case ReplyQueue::Sent::kAll:
-                connection->blockedSince = 0;
                 MakeReady(connection);
                 break;
             case ReplyQueue::Sent::kFailed:
@@ -221,7 +213,7 @@ bool EventLoop::ServeRecords(EventConnection* connection) {
             case RecordReader::Found::kRecord:
                 break;
         }
-        if (connection->replies.Blocked()) return true;  // Resume() pauses it
+        if (connection->replies.Blocked()) return true;  // TakeNews() pauses it
         if (calls++ == kTurnCalls || bytes >= kTurnBytes || turnTook_ >= kTurnNanoseconds) {
             MakeReady(connection);
             return true;
@@ -257,13 +249,13 @@ bool EventLoop::Handle(CallInfo3* call) {
     // The last thread that can receive handles nothing: all the others are held up already.
     if (quick && leadership_.Watched()) {
         decoded_ = call;  // once the library is done with the record
+        handled_ = kind;
         return true;
     }
     return gWorkerPool.doWork(HandleThere, call);
 }
 
 bool EventLoop::HandleHere(CallInfo3* call) {
-    handled_ = CallPace::KindOf(call);
     const uint64_t began = oxel::MonotonicNanoseconds();
     const uint64_t work = leadership_.Begin();
     HandleNFSRPC(call);

@@ -61,6 +61,8 @@ class EventLoop {
     void End(EventConnection* connection, EndReason reason, const std::string& text);
     void EndedByClient(EventConnection* connection) { End(connection, EndReason::kByClient, ""); }
     void EndNoCall(EventConnection* connection);
+    // It has no turn, and waits for none.
+    void TakeOut(EventConnection* connection);
     void Poll(EventConnection* connection, uint32_t events);
     void MakeReady(EventConnection* connection);
     void PauseFor(EventConnection::Pause reason, EventConnection* connection);
@@ -92,7 +94,7 @@ class EventLoop {
     std::deque<EventConnection*> paused_;  // for a call record, or for memory
     EventConnection* current_ = nullptr;   // whose turn it is
     CallInfo3* decoded_ = nullptr;         // to be handled here
-    CallPace::Kind handled_{};             // what is handled here now
+    CallPace::Kind handled_{};             // what that is
     uint64_t turnTook_ = 0;                // nanoseconds that calls have taken in this turn
     int64_t now_ = 0, swept_ = 0;          // seconds
 

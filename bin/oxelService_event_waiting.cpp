@@ -63,6 +63,12 @@ void EventLoop::PauseFor(Pause reason, EventConnection* connection) {
     SetSomePaused(true);
 }
 
+void EventLoop::TakeOut(EventConnection* connection) {
+    if (connection->ready) std::erase(ready_, connection);
+    if (connection->pause != Pause::kNone) std::erase(paused_, connection);
+    connection->ready = false;
+}
+
 void EventLoop::WaitForClient(EventConnection* connection) {
     connection->AddCall();
     {
@@ -96,9 +102,7 @@ void EventLoop::TakeNews() {
     }
     for (EventConnection* connection : blocked) {
         if (!connection->Ended()) {
-            if (connection->ready) std::erase(ready_, connection);
-            if (connection->pause != Pause::kNone) std::erase(paused_, connection);
-            connection->ready = false;
+            TakeOut(connection);
             SetPause(connection, Pause::kForClient);
             connection->blockedSince = now_;
             Poll(connection, EPOLLOUT);

@@ -44,7 +44,7 @@ ClientLimits ClientLimits::FromSettings() {
 namespace {
 
 constexpr unsigned kLinesAMinute = 10;
-constexpr time_t kMinute = 60;
+constexpr int64_t kMinute = 60;
 
 struct Account {
     const char* name;
@@ -62,18 +62,18 @@ Account gAccounts[kEndReasons] = {
 };
 
 std::mutex gMutex;
-time_t gMinuteBegan = 0;  // guarded by gMutex
+int64_t gMinuteBegan = 0;  // guarded by gMutex
 
-time_t Seconds() {
+}  // namespace
+
+int64_t CoarseSeconds() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
     return now.tv_sec;
 }
 
-}  // namespace
-
 static void SumUp() {
-    const time_t now = Seconds();
+    const int64_t now = CoarseSeconds();
     if (now - gMinuteBegan < kMinute) return;
     gMinuteBegan = now;
     for (Account& account : gAccounts) {

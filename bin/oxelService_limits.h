@@ -36,6 +36,9 @@ struct ClientLimits {
     static ClientLimits FromSettings();
 };
 
+// The clock that the limits in seconds go by: monotonic, cheap to ask, exact to some milliseconds.
+int64_t CoarseSeconds();
+
 // Why a connection ended.
 enum class EndReason : unsigned {
     kByClient,
