@@ -11,8 +11,9 @@ packages=(
   build-essential g++ cmake ninja-build pkg-config git
   libtirpc-dev libtirpc-common libboost-dev libsystemd-dev nlohmann-json3-dev libcli11-dev
   libsodium-dev liblmdb-dev
-  # tests and benchmarks
-  libgtest-dev libgmock-dev libbenchmark-dev libnfs-dev rpcbind iproute2 util-linux clang-format
+  # tests and benchmarks: the last line is for the kernel as a client
+  libgtest-dev libgmock-dev libbenchmark-dev libnfs-dev rpcbind util-linux clang-format
+  user-mode-linux nfs-common iproute2 kmod rsync sqlite3
 )
 # Compared with and plotted with; nobody else needs them.
 [[ "${1:-}" != bench ]] || packages=(nfs-ganesha nfs-ganesha-vfs rpcbind gnuplot-nox)
