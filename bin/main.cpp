@@ -26,7 +26,7 @@
 
 static constexpr unsigned kFatalErrorEvent = 0x5B0000E7;
 static constexpr unsigned kProgramId = 0x1A90B226;
-static constexpr uint32_t kIdleMs = 2000;
+static constexpr uint32_t kIdleMs = 2000, kLastCallsMs = 5000;
 
 void PrintUsage() {
     EvDebug::Debug("PrintUsage", "Usage: oxelnfsd -cn <clientname> -vm <Instance>");
@@ -134,6 +134,11 @@ static sigset_t HandledSignals() {
         for (;;) pause();  // the other thread is about to end the process
     // The receive loop takes the control socket away; it needs a moment, not a whole cycle.
     WaitForReceiveLoop(loopWaitMs);
+    // A client sends again what has no answer. A RENAME that was done and is done again fails, so
+    // what was begun is answered; a disk that hangs does not keep the process.
+    if (!WaitForCallsInFlight(kLastCallsMs))
+        OXEL_LOG(-1, "Error: Calls are still being handled after [%u] ms. Ending without them.",
+                 kLastCallsMs);
     StopPellService();
     SettleFileSystemModules();
     EvDebug::Debug("main", "oxelnfsd exiting.");

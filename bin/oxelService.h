@@ -92,6 +92,9 @@ void WakeReceiveLoop();
 // Waits until the receive loop has ended, if it runs, and its thread with it. False after
 // `milliseconds`. For the thread that ends the process.
 bool WaitForReceiveLoop(uint32_t milliseconds);
+// Waits until the calls that have been received are answered. False after `milliseconds`. For the
+// thread that ends the process, when nothing is received any more.
+bool WaitForCallsInFlight(uint32_t milliseconds);
 void SaveServicePort(unsigned int program, unsigned short port);
 // Closes the socket if it is valid, with the transports on it, and frees and clears both entries.
 void CleanupSocket(CLuSocket& socket, netconfig*& ipv4, netconfig*& ipv6);

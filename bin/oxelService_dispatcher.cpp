@@ -2,9 +2,11 @@
 //
 // The road of an NFS call: checked and decoded on the receive thread, handled on an "OXEL" thread,
 // answered on an "OXEL_SEND" thread.
+#include <poll.h>
 #include <rpc/rpc.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -135,14 +137,28 @@ static void GiveBack(CallInfo3* call) {
     gCallInfoPool.Push(call);
 }
 
+// Records that calls have kept for good.
+static std::atomic<size_t> gRecordsKept{0};
+
 // Ends a call that no handler will see. Such a call keeps its record for good, so that a client
 // which goes on sending them is noticed by everybody; hardened, where it must not be, the record
 // goes back. The client's connection is let go in either case.
 static void GiveUp(CallInfo3* call) {
-    if (gHardened)
+    if (gHardened) {
         GiveBack(call);
-    else
+    } else {
         ParkSVCXPRT(call->transportCopy);
+        ++gRecordsKept;
+    }
+}
+
+bool WaitForCallsInFlight(uint32_t milliseconds) {
+    static constexpr uint32_t kLookMs = 5;
+    for (uint32_t waited = 0;; waited += kLookMs) {
+        if (gCallInfoPool.Total() - gCallInfoPool.Free() <= gRecordsKept) return true;
+        if (waited >= milliseconds) return false;
+        (void)poll(nullptr, 0, kLookMs);
+    }
 }
 
 // AUTH_UNIX's ids and machine name. False: a credential that this procedure does not accept.
