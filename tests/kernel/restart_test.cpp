@@ -21,6 +21,10 @@ probe work $folder /run/host/enough )" +
            std::to_string(repeats) + R"(
 diff -r --no-dereference $folder /run/host/)" +
            share + R"(/work
+mount_share )" +
+           share + R"( /tmp/fresh nosharecache
+diff -r --no-dereference $folder /tmp/fresh/work
+umount /tmp/fresh
 rm -rf $folder
 )";
 }

@@ -178,6 +178,30 @@ TEST_IN_CHILD(Dispatcher, WithTheExitFlagSetACallIsDroppedSilently) {
     EXPECT_EQ(service.Ask(service.Null(2)).xid, 2u) << "the first reply is to the second call";
 }
 
+TEST_IN_CHILD(Dispatcher, EndWaitsForTheCallsThatHaveBegun) {
+    NfsService service;
+    MockShare share;
+    XoEvent entered(true), leave(true);
+    share.onStat = [&](OxelCtxt*) {
+        entered.set();
+        leave.wait();
+    };
+    EXPECT_TRUE(WaitForCallsInFlight(0));
+    service.Dispatch(service.Getattr(1));
+    entered.wait();
+    EXPECT_FALSE(WaitForCallsInFlight(0));
+    leave.set();
+    EXPECT_TRUE(WaitForCallsInFlight(60000));
+    EXPECT_FALSE(service.connection.client.Silent()) << "the reply is out by then";
+}
+
+TEST_IN_CHILD(Dispatcher, EndDoesNotWaitForRecordsThatAreKeptForGood) {
+    NfsService service;
+    EXPECT_EQ(service.Ask(Procedure(22, 1)).accept, uint32_t{PROC_UNAVAIL});
+    EXPECT_EQ(gCallInfoPool.Free(), 4u);
+    EXPECT_TRUE(WaitForCallsInFlight(0));
+}
+
 TEST_IN_CHILD(Dispatcher, TransportWithoutAGuardIsNotServed) {
     // It failed to be made when its client reset; the library finds that out by itself.
     NfsService service;

@@ -18,12 +18,15 @@ split -l 50 text part.
 cat part.* | cmp - text
 dd if=text of=synced conv=fsync,notrunc status=none
 cmp text synced
-tail -f -n 0 followed >seen 2>/dev/null &
-follower=$!
 touch followed
-sleep 0.2
+tail -f -n 0 followed >/tmp/seen &
+follower=$!
+until [[ -s /tmp/seen ]]; do
+  echo more >>followed
+  sleep 0.1
+done
 kill $follower
-wait $follower 2>/dev/null || true
+wait $follower || true
 paste -d: <(seq 3) <(seq 4 6) >pasted
 expect "1:4 2:5 3:6" "$(tr '\n' ' ' <pasted | sed 's/ $//')" "pasted"
 cat >script <<'END'

@@ -17,7 +17,7 @@ unchanged() {
   fails "$text" touch "$folder/file2"
   fails "$text" rm "$folder/seen"
   fails "$text" mkdir "$folder/directory"
-  fails "$text" bash -c "echo more >>$folder/seen"
+  fails "Permission denied" bash -c "echo more >>$folder/seen"  # the client asks by ACCESS first
   fails "$text" mv "$folder/seen" "$folder/unseen"
   fails "$text" chmod 600 "$folder/seen"
 }
