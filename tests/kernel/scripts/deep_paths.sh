@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# 200 directories below each other: made, written to, walked through, packed and removed.
+# 100 directories below each other: made, written to, walked through, packed and removed.
 for i in $(seq 100); do
   mkdir "directory-$i"
   cd "directory-$i"
