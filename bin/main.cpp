@@ -186,7 +186,6 @@ int main(int argc, char** argv) {
     }
 
     XOPI_Focus::setFocusClientNameFromArgs(argc, argv);
-    EvEvent event;
     const VMArgsAdjust adjusted(argc, argv, false);
     // Twice: the first focus may create what the second one then finds.
     XOPI_Focus::setFocus(VMArgsAdjust::getName());

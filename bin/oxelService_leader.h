@@ -7,10 +7,8 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 
 #include "base/sync.h"
@@ -54,11 +52,10 @@ class Leadership {
     std::atomic<bool> over_{false};
     XoEvent wakeWatcher_;
 
-    std::mutex mutex_;
+    XoCriticalSection mutex_;
+    oxel::Condition changed_;
     // Threads that neither lead nor are held up; written under mutex_.
     std::atomic<unsigned> deputies_{0};
-    // Guarded by mutex_.
-    std::condition_variable changed_;
-    bool watched_ = false;
-    unsigned threads_ = 0;  // besides the one that called Run()
+    bool watched_ GUARDED_BY(mutex_) = false;
+    unsigned threads_ GUARDED_BY(mutex_) = 0;  // besides the one that called Run()
 };

@@ -16,12 +16,12 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
+
+#include "base/sync.h"
 
 struct MDB_env;
 struct MDB_txn;
@@ -86,10 +86,14 @@ class InodeStore {
     int OpenEnvironment(std::string* reason);
     void CloseEnvironment();
     void Change(const Key& key, std::optional<std::string> record);
-    int Commit(const Table& table);
-    int CommitSome(Table::const_iterator* at, Table::const_iterator end);
-    bool Grow();
-    void Outcome(int error);
+    int Commit(const Table& table) REQUIRES(commitMutex_);
+    int CommitSome(Table::const_iterator* at, Table::const_iterator end) REQUIRES(commitMutex_);
+    bool Grow() REQUIRES(commitMutex_);
+    void Outcome(int error) REQUIRES(commitMutex_);
+    // It changes under both locks only, so the holder of either may read it.
+    const Table& BeingWritten() const REQUIRES(commitMutex_) NO_THREAD_SAFETY_ANALYSIS {
+        return beingWritten_;
+    }
 
     const std::string directory_;
     const Limits limits_;
@@ -98,20 +102,19 @@ class InodeStore {
     unsigned database_ = 0;
 
     std::atomic<size_t> unwrittenCount_{0};
-    std::mutex tablesMutex_;
-    // Guarded by tablesMutex_, looked through in this order:
-    Table unwritten_;
-    Table beingWritten_;  // not empty only while a thread has commitMutex_
+    XoCriticalSection tablesMutex_;
+    // Looked through in this order:
+    Table unwritten_ GUARDED_BY(tablesMutex_);
+    Table beingWritten_ GUARDED_BY(tablesMutex_);  // empty unless a thread has commitMutex_
 
-    std::mutex commitMutex_;  // taken before tablesMutex_
-    // Guarded by commitMutex_:
-    int64_t retryAtMs_ = 0;
-    bool failed_ = false;
-    bool settled_ = false;
+    XoCriticalSection commitMutex_ ACQUIRED_BEFORE(tablesMutex_);
+    int64_t retryAtMs_ GUARDED_BY(commitMutex_) = 0;
+    bool failed_ GUARDED_BY(commitMutex_) = false;
+    bool settled_ GUARDED_BY(commitMutex_) = false;
 
-    std::shared_mutex mapMutex_;  // held by every transaction, alone by Grow
-    std::mutex readersMutex_;
-    std::vector<MDB_txn*> readers_;  // guarded by readersMutex_: reset, to be renewed
+    SharedSection mapSection_;  // held by every transaction, alone by Grow
+    XoCriticalSection readersMutex_;
+    std::vector<MDB_txn*> readers_ GUARDED_BY(readersMutex_);  // reset, to be renewed
 };
 
 }  // namespace oxel::local
