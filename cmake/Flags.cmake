@@ -3,7 +3,7 @@
 add_compile_options(-Wall -Wextra -Wvla -Wcast-qual -Wnon-virtual-dtor -Woverloaded-virtual
                     -Wno-missing-field-initializers -fno-strict-aliasing -fstack-protector-strong)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-  add_compile_options(-Wthread-safety -Werror=thread-safety)
+  add_compile_options(-Wthread-safety -Wthread-safety-beta -Werror=thread-safety)
   # The RPC library calls every codec routine through one type, xdrproc_t.
   set(OXEL_NO_FUNCTION_CHECK -fno-sanitize=function)
 endif()
