@@ -54,8 +54,8 @@ struct CheckIns {
     XoCriticalSection mutex;
     pid_t pid GUARDED_BY(mutex) = 0;
     std::map<std::string, int> held GUARDED_BY(mutex);
-    time_t lastStart GUARDED_BY(mutex) =
-        0;  // of the instance's last start, in this process or an earlier one
+    // Of the instance's last start, in this process or an earlier one.
+    time_t lastStart GUARDED_BY(mutex) = 0;
 };
 
 CheckIns& TheCheckIns() {
