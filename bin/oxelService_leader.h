@@ -23,7 +23,7 @@ class Leadership {
     // Threads that it makes are called "<name>-2" and so on.
     void Run(Lead lead, unsigned threadsMost, const std::string& name = "NFS");
     // Whether every thread but the one that called Run() has ended.
-    bool AllEnded();
+    bool AllEnded() EXCLUDES(mutex_);
     // Whether somebody watches the leader or is about to, and would take its place: a leader that
     // is held up with nobody behind it holds everybody up. By the thread that leads; holds until
     // Begin().
@@ -38,9 +38,9 @@ class Leadership {
   private:
     void Member(bool leads);
     // Waits until the leader is held up and takes its place; false when it is over.
-    bool Watch();
-    void StartWatcherIfNone();
-    void SayOver();
+    bool Watch() EXCLUDES(mutex_);
+    void StartWatcherIfNone() EXCLUDES(mutex_);
+    void SayOver() EXCLUDES(mutex_);
 
     Lead lead_;
     unsigned threadsMost_ = 0;

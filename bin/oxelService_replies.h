@@ -68,10 +68,10 @@ class ReplyQueue {
     // Makes what is queued the calling thread's to send.
     void Take() REQUIRES(lock_);
     // By the thread that took: sends until nothing is queued or the socket is full.
-    Sent SendOut(int fd, Reference* reference);
+    Sent SendOut(int fd, Reference* reference) EXCLUDES(lock_);
     // What was taken, with a run of bytes of the caller's inside it. What of that run the socket
     // does not take is copied.
-    Sent SendTaken(int fd, Reference* reference);
+    Sent SendTaken(int fd, Reference* reference) EXCLUDES(lock_);
     bool Keep(const Reference& reference);
     // Tells bytesBlocked_ how much waits here.
     void Count(uint64_t bytes) REQUIRES(lock_);

@@ -284,7 +284,7 @@ class ControlServer {
     }
 
     // False when the server is stopping.
-    bool BeginHandling(int fd) {
+    bool BeginHandling(int fd) EXCLUDES(mutex_) {
         XoCriticalSectionGuard lock(mutex_);
         asking_.erase(fd);
         if (stopping_) return false;
@@ -292,14 +292,14 @@ class ControlServer {
         return true;
     }
 
-    void EndHandling() {
+    void EndHandling() EXCLUDES(mutex_) {
         XoCriticalSectionGuard lock(mutex_);
         --handling_;
         handled_.notifyAll();
     }
 
     // The caller closes the descriptor after this.
-    void Forget(int fd) {
+    void Forget(int fd) EXCLUDES(mutex_) {
         XoCriticalSectionGuard lock(mutex_);
         asking_.erase(fd);
         --connections_;

@@ -65,10 +65,10 @@ class InodeStore {
     size_t Unwritten() const { return unwrittenCount_.load(std::memory_order_acquire); }
     // Writes what was set and erased. When the disk refuses, that is logged once, the records stay
     // in memory, and later calls try again after a while.
-    void Flush() noexcept;
+    void Flush() noexcept EXCLUDES(commitMutex_, tablesMutex_);
     // Flush, and everything to the disk. Later changes are synced one by one: to be called when the
     // process ends.
-    void Settle() noexcept;
+    void Settle() noexcept EXCLUDES(commitMutex_, tablesMutex_);
 
   private:
     struct KeyHash {
@@ -85,7 +85,7 @@ class InodeStore {
     bool OpenOrSetAside(std::string* reason);
     int OpenEnvironment(std::string* reason);
     void CloseEnvironment();
-    void Change(const Key& key, std::optional<std::string> record);
+    void Change(const Key& key, std::optional<std::string> record) EXCLUDES(tablesMutex_);
     int Commit(const Table& table) REQUIRES(commitMutex_);
     int CommitSome(Table::const_iterator* at, Table::const_iterator end) REQUIRES(commitMutex_);
     bool Grow() REQUIRES(commitMutex_);
