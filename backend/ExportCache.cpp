@@ -116,8 +116,7 @@ void ExportCache::GetExportsNotForFSM(FSModuleType type, ExportMap& exports) {
 void ExportCache::Replace(ExportList exports) {
     Index fresh;
     for (auto& [id, share] : exports) {
-        if (!share || fresh.byId.count(id) != 0 || fresh.byPath.count(share->GetPath()) != 0)
-            continue;
+        if (!share || fresh.byId.contains(id) || fresh.byPath.contains(share->GetPath())) continue;
         fresh.byId[id] = share;
         fresh.byPath[share->GetPath()] = share;
         fresh.inOrder.emplace_back(id, share);

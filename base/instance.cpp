@@ -141,7 +141,7 @@ int uxsvc_checkin(const char* service) {
         checkIns.held.clear();
         checkIns.pid = getpid();
     }
-    if (checkIns.held.count(path) != 0) return 1;
+    if (checkIns.held.contains(path)) return 1;
     if (!oxel::MakeDirectories(paths.runDir, 0755)) return CheckInFailed(path);
     oxel::UniqueFd fd = OpenLockFile(path);
     if (!fd) return CheckInFailed(path);

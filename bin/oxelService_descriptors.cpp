@@ -35,7 +35,7 @@ LowNumbers& Numbers() {
 
 void ReserveLowDescriptors() {
     rlimit limit;
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur < 2 * FD_SETSIZE) return;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur < rlim_t{2} * FD_SETSIZE) return;
     LowNumbers& numbers = Numbers();
     XoCriticalSectionGuard lock(numbers.mutex);
     if (numbers.placeholder) return;
