@@ -3,7 +3,7 @@
 SHELL := /bin/bash
 .SHELLFLAGS := -eu -o pipefail -c
 .DEFAULT_GOAL := help
-.PHONY: help deps build run test asan tsan integrity bench bench-scale format clean
+.PHONY: help deps build run test asan tsan check integrity bench bench-scale format clean
 
 DIR ?=
 PORT ?=
@@ -30,6 +30,9 @@ asan: deps ## The same tests under the address and undefined-behaviour sanitizer
 
 tsan: deps ## The same tests under the thread sanitizer
 	@scripts/test.sh tsan
+
+check: ## Static checks: clang's thread-safety analysis, clang-tidy, cppcheck, shellcheck, style
+	@scripts/check.sh
 
 integrity: deps ## Data integrity for long, with all three builds: make integrity SECONDS=600
 	@scripts/integrity.sh "$(SECONDS)"

@@ -12,8 +12,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <mutex>
-#include <shared_mutex>
 #include <unordered_map>
 
 #include "backend/Export.h"
@@ -47,17 +45,16 @@ struct Index {
 }  // namespace
 
 struct ExportCache::State {
-    std::shared_mutex indexMutex;
-    Index index;  // guarded by indexMutex
+    oxel::SharedSection indexSection;
+    Index index GUARDED_BY(indexSection);
 
-    // Taken alone or before indexMutex.
-    XoCriticalSection recordsSection;
+    XoCriticalSection recordsSection ACQUIRED_BEFORE(indexSection);
     // Mounts, and the text of the path; lastAccess is the share's own and filled in when saving.
     ShareRecords records GUARDED_BY(recordsSection);
     uint64_t changes GUARDED_BY(recordsSection) = 0;
 
-    // Held for the whole of a save, before recordsSection: saves go to the disk one at a time.
-    XoCriticalSection saveSection;
+    // Held for the whole of a save: saves go to the disk one at a time.
+    XoCriticalSection saveSection ACQUIRED_BEFORE(recordsSection);
     std::string savedFile GUARDED_BY(saveSection);
     uint64_t savedChanges GUARDED_BY(saveSection) = 0;
     std::unordered_map<unsigned int, long> savedAccess GUARDED_BY(saveSection);
@@ -82,7 +79,7 @@ bool ExportCache::FindExport(const std::string& path, ExportPtr& share) {
     State& s = state();
     ExportPtr found;
     {
-        std::shared_lock<std::shared_mutex> lock(s.indexMutex);
+        oxel::SharedGuard lock(s.indexSection);
         auto it = s.index.byPath.find(path);
         if (it == s.index.byPath.end()) return false;
         found = it->second;
@@ -95,7 +92,7 @@ bool ExportCache::FindExportById(unsigned int shareId, ExportPtr& share) {
     State& s = state();
     ExportPtr found;
     {
-        std::shared_lock<std::shared_mutex> lock(s.indexMutex);
+        oxel::SharedGuard lock(s.indexSection);
         auto it = s.index.byId.find(shareId);
         if (it == s.index.byId.end()) return false;
         found = it->second;
@@ -106,7 +103,7 @@ bool ExportCache::FindExportById(unsigned int shareId, ExportPtr& share) {
 
 ExportList ExportCache::All() {
     State& s = state();
-    std::shared_lock<std::shared_mutex> lock(s.indexMutex);
+    oxel::SharedGuard lock(s.indexSection);
     return s.index.inOrder;
 }
 
@@ -119,8 +116,7 @@ void ExportCache::GetExportsNotForFSM(FSModuleType type, ExportMap& exports) {
 void ExportCache::Replace(ExportList exports) {
     Index fresh;
     for (auto& [id, share] : exports) {
-        if (!share || fresh.byId.count(id) != 0 || fresh.byPath.count(share->GetPath()) != 0)
-            continue;
+        if (!share || fresh.byId.contains(id) || fresh.byPath.contains(share->GetPath())) continue;
         fresh.byId[id] = share;
         fresh.byPath[share->GetPath()] = share;
         fresh.inOrder.emplace_back(id, share);
@@ -131,7 +127,7 @@ void ExportCache::Replace(ExportList exports) {
     {
         XoCriticalSectionGuard records(s.recordsSection);
         ShareRecords kept;
-        std::unique_lock<std::shared_mutex> lock(s.indexMutex);
+        oxel::ExclusiveGuard lock(s.indexSection);
         for (const auto& [id, share] : fresh.inOrder) {
             ShareRecord& record = kept[id];
             record.path = oxel::RegistryPathText(share->GetPath());
@@ -222,7 +218,7 @@ void ExportCache::LoadFromDisk() {
     }
     {
         XoCriticalSectionGuard records(s.recordsSection);
-        std::shared_lock<std::shared_mutex> lock(s.indexMutex);
+        oxel::SharedGuard lock(s.indexSection);
         for (auto& [id, record] : s.records) {
             auto old = loaded.find(id);
             // Another share may have been given the id since.
@@ -246,7 +242,7 @@ ShareRecords ExportCache::State::Snapshot(uint64_t* changesSeen) {
     XoCriticalSectionGuard guard(recordsSection);
     ShareRecords copy = records;
     *changesSeen = changes;
-    std::shared_lock<std::shared_mutex> lock(indexMutex);
+    oxel::SharedGuard lock(indexSection);
     for (auto& [id, record] : copy) record.lastAccess = index.byId.at(id)->GetLastAccessTime();
     return copy;
 }
@@ -257,7 +253,7 @@ bool ExportCache::State::ChangedSinceSaved(const std::string& file) {
         XoCriticalSectionGuard guard(recordsSection);
         if (changes != savedChanges) return true;
     }
-    std::shared_lock<std::shared_mutex> lock(indexMutex);
+    oxel::SharedGuard lock(indexSection);
     for (const auto& [id, share] : index.inOrder) {
         auto it = savedAccess.find(id);
         if (it == savedAccess.end() || it->second != share->GetLastAccessTime()) return true;

@@ -5,16 +5,15 @@
 #include "backend/FSMCache.h"
 
 #include <map>
-#include <mutex>
-#include <shared_mutex>
 
 #include "backend/FSM.h"
+#include "base/sync.h"
 
 namespace {
 
 struct Registry {
-    std::shared_mutex mutex;
-    std::map<FSModuleType, FSMPtr> modules;  // guarded by mutex
+    oxel::SharedSection section;
+    std::map<FSModuleType, FSMPtr> modules GUARDED_BY(section);
 };
 
 // Never destroyed: worker threads may still look up while the process ends.
@@ -27,7 +26,7 @@ Registry& TheRegistry() {
 
 bool FSMCache::GetFSM(FSModuleType type, FSMPtr& module) {
     Registry& registry = TheRegistry();
-    std::shared_lock<std::shared_mutex> lock(registry.mutex);
+    oxel::SharedGuard lock(registry.section);
     auto it = registry.modules.find(type);
     if (it == registry.modules.end()) return false;
     module = it->second;
@@ -36,13 +35,13 @@ bool FSMCache::GetFSM(FSModuleType type, FSMPtr& module) {
 
 void FSMCache::SetFSM(FSModuleType type, FSMPtr module) {
     Registry& registry = TheRegistry();
-    // The module that goes is released after the lock: its destructor is not ours to know.
-    std::unique_lock<std::shared_mutex> lock(registry.mutex);
+    // The module that goes is released by the caller, after the lock: its destructor is not ours to
+    // know.
+    oxel::ExclusiveGuard lock(registry.section);
     if (module) {
         registry.modules[type].swap(module);
     } else if (auto it = registry.modules.find(type); it != registry.modules.end()) {
         module.swap(it->second);
         registry.modules.erase(it);
     }
-    lock.unlock();
 }

@@ -5,10 +5,11 @@
 
 #include <functional>
 #include <list>
-#include <mutex>
 #include <unordered_map>
 #include <utility>
 #include <vector>
+
+#include "base/sync.h"
 
 // Any thread. Evicted and removed values are destroyed after the mutex is released, so a value's
 // destructor may do I/O (close a descriptor) without holding others up.
@@ -21,14 +22,14 @@ class LruCache {
     // limit, which empties a cache that keeps its bound: setting the size starts the cache anew.
     void setSize(unsigned long limit) {
         std::vector<Value> dropped;
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         while (!order_.empty() && total_ <= limit_) DropOldest(&dropped);
         limit_ = limit;
     }
 
     // A copy of the value, which becomes the most recently used.
     bool find(const Key& key, Value* out) {
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         auto it = index_.find(key);
         if (it == index_.end()) return false;
         order_.splice(order_.begin(), order_, it->second);
@@ -40,7 +41,7 @@ class LruCache {
     // none. The mutex is held meanwhile.
     template <typename Visit>
     bool with(const Key& key, Visit visit) {
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         auto it = index_.find(key);
         if (it == index_.end()) return false;
         order_.splice(order_.begin(), order_, it->second);
@@ -55,7 +56,7 @@ class LruCache {
                 std::vector<Value>* out = nullptr) {
         std::vector<Value> own;
         std::vector<Value>& dropped = out != nullptr ? *out : own;
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         EraseLocked(key, &dropped);
         order_.push_front(Entry{key, std::move(value), size});
         try {
@@ -70,7 +71,7 @@ class LruCache {
 
     bool erase(const Key& key) {
         std::vector<Value> dropped;
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         return EraseLocked(key, &dropped);
     }
 
@@ -78,7 +79,7 @@ class LruCache {
     template <typename Match>
     size_t eraseIf(Match match) {
         std::vector<Value> dropped;
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         for (auto it = order_.begin(); it != order_.end();) {
             auto next = std::next(it);
             if (match(it->key, it->value)) {
@@ -95,20 +96,20 @@ class LruCache {
     // Removes the `number` entries that were used least recently, or all there are.
     void eraseOldest(size_t number) {
         std::vector<Value> dropped;
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         for (; number > 0 && !order_.empty(); --number) DropOldest(&dropped);
     }
 
     size_t count() const {
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         return index_.size();
     }
     unsigned long total() const {
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         return total_;
     }
     unsigned long limit() const {
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         return limit_;
     }
 
@@ -120,7 +121,7 @@ class LruCache {
     };
 
     // Callers declare `dropped` before taking the lock, so that it dies after the unlock.
-    void DropOldest(std::vector<Value>* dropped) {
+    void DropOldest(std::vector<Value>* dropped) REQUIRES(mutex_) {
         Entry& oldest = order_.back();
         dropped->push_back(std::move(oldest.value));
         total_ -= oldest.size;
@@ -128,7 +129,7 @@ class LruCache {
         order_.pop_back();
     }
 
-    bool EraseLocked(const Key& key, std::vector<Value>* dropped) {
+    bool EraseLocked(const Key& key, std::vector<Value>* dropped) REQUIRES(mutex_) {
         auto it = index_.find(key);
         if (it == index_.end()) return false;
         dropped->push_back(std::move(it->second->value));
@@ -138,10 +139,9 @@ class LruCache {
         return true;
     }
 
-    mutable std::mutex mutex_;
-    // Guarded by mutex_:
-    std::list<Entry> order_;  // most recently used first
-    std::unordered_map<Key, typename std::list<Entry>::iterator, Hash> index_;
-    unsigned long limit_;
-    unsigned long total_ = 0;
+    mutable XoCriticalSection mutex_;
+    std::list<Entry> order_ GUARDED_BY(mutex_);  // most recently used first
+    std::unordered_map<Key, typename std::list<Entry>::iterator, Hash> index_ GUARDED_BY(mutex_);
+    unsigned long limit_ GUARDED_BY(mutex_);
+    unsigned long total_ GUARDED_BY(mutex_) = 0;
 };

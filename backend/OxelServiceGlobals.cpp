@@ -21,7 +21,7 @@ std::atomic<uint32_t> OxelServiceGlobals::mountProgram{100005};
 std::atomic<uint16_t> OxelServiceGlobals::nfsPort{0};
 std::atomic<uint16_t> OxelServiceGlobals::mountPort{0};
 
-uint64_t NFS3_MAXBUF_SIZE = 256 * 1024;
+uint64_t NFS3_MAXBUF_SIZE = 256 << 10;
 // Twice the transfer size: a WRITE call or a READ reply with its headers always fits.
 uint32_t gMaxRPCRecvSize = 2 * 256 * 1024;
 uint32_t gMaxRPCSendSize = 2 * 256 * 1024;

@@ -29,7 +29,7 @@ std::string RegistryTimeText(long seconds) {
     struct tm parts;
     char text[64];
     gmtime_r(&value, &parts);
-    strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S.000000Z", &parts);
+    (void)strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S.000000Z", &parts);
     return text;
 }
 
@@ -83,7 +83,7 @@ std::string RegistryPathText(const std::string& path) {
         unsigned byte = static_cast<unsigned char>(path[i]);
         if (length == 0 || byte < 0x20 || byte == 0x7f || byte == '\\') {
             char escape[8];
-            snprintf(escape, sizeof escape, "\\%03o", byte);
+            (void)snprintf(escape, sizeof escape, "\\%03o", byte);
             out += escape;
             ++i;
         } else {

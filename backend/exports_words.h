@@ -52,7 +52,7 @@ struct ExportsLine {
 class ExportsLineReader {
   public:
     // A line with its continuations may have this many bytes.
-    static constexpr size_t kLineBytesMax = 256 * 1024;
+    static constexpr size_t kLineBytesMax = 256 << 10;
 
     explicit ExportsLineReader(const std::string& text) : text_(text) {}
     // The next line that has a word or an error; false at the end of the text.

@@ -49,6 +49,7 @@ void ShareSet::Load(const std::string& exportsFile, ShareMaker maker) {
 
 void ShareSet::Serve(std::vector<ServedShare> shares) {
     std::vector<std::pair<unsigned int, ExportPtr>> exports;
+    exports.reserve(shares.size());
     for (const ServedShare& served : shares) exports.emplace_back(served.config.id, served.share);
     gAllExports.Replace(std::move(exports));
     XoCriticalSectionGuard lock(section_);

@@ -57,7 +57,7 @@ class ShareSet {
   private:
     void Serve(std::vector<ServedShare> shares) REQUIRES(reloadSection_);
 
-    XoCriticalSection reloadSection_;  // held for a whole reload, before section_
+    XoCriticalSection reloadSection_ ACQUIRED_BEFORE(section_);  // held for a whole reload
     ShareMaker maker_ GUARDED_BY(reloadSection_);
     XoCriticalSection section_;
     std::vector<ServedShare> shares_ GUARDED_BY(section_);

@@ -19,10 +19,10 @@
 #include <cstring>
 #include <ctime>
 #include <map>
-#include <mutex>
 
 #include "base/log.h"
 #include "base/store.h"
+#include "base/sync.h"
 #include "base/thread.h"
 
 namespace {
@@ -51,10 +51,11 @@ int FlockRetrying(int fd, int operation) {
 // The locks that this process checked in with: path to descriptor, never closed. After a fork they
 // are the parent's.
 struct CheckIns {
-    std::mutex mutex;
-    pid_t pid = 0;
-    std::map<std::string, int> held;
-    time_t lastStart = 0;  // of the instance's last start, in this process or an earlier one
+    XoCriticalSection mutex;
+    pid_t pid GUARDED_BY(mutex) = 0;
+    std::map<std::string, int> held GUARDED_BY(mutex);
+    // Of the instance's last start, in this process or an earlier one.
+    time_t lastStart GUARDED_BY(mutex) = 0;
 };
 
 CheckIns& TheCheckIns() {
@@ -120,7 +121,7 @@ bool MakeDirectories(const std::string& path, mode_t mode) {
 
 uint32_t NewStartTime() {
     CheckIns& checkIns = TheCheckIns();
-    std::lock_guard<std::mutex> lock(checkIns.mutex);
+    XoCriticalSectionGuard lock(checkIns.mutex);
     time_t start = time(nullptr);
     if (!checkIns.held.empty() && checkIns.lastStart < UINT32_MAX)
         start = std::max(start, checkIns.lastStart + 1);
@@ -135,12 +136,12 @@ int uxsvc_checkin(const char* service) {
     const oxel::InstancePaths paths(XOPI_Focus::focus());
     const std::string path = paths.runDir + "/" + service + ".lock";
     CheckIns& checkIns = TheCheckIns();
-    std::lock_guard<std::mutex> lock(checkIns.mutex);
+    XoCriticalSectionGuard lock(checkIns.mutex);
     if (checkIns.pid != getpid()) {
         checkIns.held.clear();
         checkIns.pid = getpid();
     }
-    if (checkIns.held.count(path) != 0) return 1;
+    if (checkIns.held.contains(path)) return 1;
     if (!oxel::MakeDirectories(paths.runDir, 0755)) return CheckInFailed(path);
     oxel::UniqueFd fd = OpenLockFile(path);
     if (!fd) return CheckInFailed(path);

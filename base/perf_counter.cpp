@@ -13,10 +13,10 @@
 #include <algorithm>
 #include <fstream>
 #include <memory>
-#include <mutex>
 #include <new>
 
 #include "base/log.h"
+#include "base/sync.h"
 
 std::atomic<bool> gPerfFlag{true};
 std::atomic<bool> gPrintPerfStats{false};
@@ -40,12 +40,12 @@ struct ThreadSlots {
 };
 
 struct Registry {
-    std::mutex mutex;
-    // Guarded by mutex.
-    std::vector<ThreadSlots*> threads;
-    Sums ended[kPerfCounterIdMax];  // of threads that are gone; nanosecondsMax of the epoch in
-                                    // course
-    Sums base[kPerfCounterIdMax];   // what counted before the counters were started anew
+    XoCriticalSection mutex;
+    std::vector<ThreadSlots*> threads GUARDED_BY(mutex);
+    // Of threads that are gone; nanosecondsMax of the epoch in course.
+    Sums ended[kPerfCounterIdMax] GUARDED_BY(mutex);
+    // What counted before the counters were started anew.
+    Sums base[kPerfCounterIdMax] GUARDED_BY(mutex);
 };
 
 // Never destroyed: threads may still count while the process ends.
@@ -78,13 +78,13 @@ struct Keeper {
     Keeper() {
         auto slots = std::make_unique<ThreadSlots>();
         Registry& registry = TheRegistry();
-        std::lock_guard<std::mutex> lock(registry.mutex);
+        XoCriticalSectionGuard lock(registry.mutex);
         registry.threads.push_back(slots.get());
         tlsOwner.slots = slots.release();
     }
     ~Keeper() {
         Registry& registry = TheRegistry();
-        std::lock_guard<std::mutex> lock(registry.mutex);
+        XoCriticalSectionGuard lock(registry.mutex);
         const uint64_t epoch = gEpoch.load(std::memory_order_relaxed);
         for (unsigned id = 0; id < kPerfCounterIdMax; ++id)
             AddSlot(tlsOwner.slots->slots[id], epoch, &registry.ended[id]);
@@ -107,7 +107,7 @@ ThreadSlots* MySlots() {
     return tlsOwner.slots;
 }
 
-Sums TotalLocked(const Registry& registry, unsigned id, uint64_t epoch) {
+Sums TotalLocked(const Registry& registry, unsigned id, uint64_t epoch) REQUIRES(registry.mutex) {
     Sums sums = registry.ended[id];
     for (const ThreadSlots* thread : registry.threads) AddSlot(thread->slots[id], epoch, &sums);
     return sums;
@@ -117,7 +117,7 @@ Sums TotalLocked(const Registry& registry, unsigned id, uint64_t epoch) {
 std::vector<PerfTotals> Collect(bool startAnew) {
     std::vector<PerfTotals> all;
     Registry& registry = TheRegistry();
-    std::lock_guard<std::mutex> lock(registry.mutex);
+    XoCriticalSectionGuard lock(registry.mutex);
     const uint64_t epoch = gEpoch.load(std::memory_order_relaxed);
     for (unsigned id = 0; id < kPerfCounterIdMax; ++id) {
         const Sums total = TotalLocked(registry, id, epoch);

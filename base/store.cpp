@@ -12,11 +12,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <string_view>
 
 #include "base/instance.h"
 #include "base/log.h"
+#include "base/sync.h"
 #include "base/unique_fd.h"
 
 namespace oxel {
@@ -304,8 +304,8 @@ bool XOPlatformInfo::setNumber(const char* section, const char* key, unsigned lo
         return false;
     }
     // One writer at a time, so that no number gets lost between reading and writing.
-    static std::mutex mutex;
-    std::lock_guard<std::mutex> lock(mutex);
+    static XoCriticalSection writing;
+    XoCriticalSectionGuard lock(writing);
     const oxel::InstancePaths paths(XOPI_Focus::focus());
     if (!oxel::MakeDirectories(paths.runDir, 0755)) return false;
     std::vector<oxel::StoreError> ignored;  // what cannot be read is dropped by the new file

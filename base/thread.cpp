@@ -5,12 +5,11 @@
 
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <memory>
-#include <mutex>
 
 #include "base/log.h"
+#include "base/sync.h"
 
 namespace oxel {
 
@@ -23,9 +22,9 @@ constexpr size_t kKernelNameBytes = 16;
 thread_local char tlsName[kThreadNameBytes] = "main";
 
 struct Sleepers {
-    std::mutex mutex;
-    std::condition_variable stopped;
-    bool stop = false;  // guarded by mutex
+    XoCriticalSection section;
+    oxel::Condition stopped;
+    bool stop GUARDED_BY(section) = false;
 };
 
 // Never destroyed: threads may still sleep while the process ends.
@@ -69,23 +68,26 @@ const char* ThreadName() {
 
 void WakeSleepers() {
     Sleepers& sleepers = TheSleepers();
-    std::lock_guard<std::mutex> lock(sleepers.mutex);
+    XoCriticalSectionGuard lock(sleepers.section);
     sleepers.stop = true;
-    sleepers.stopped.notify_all();
+    sleepers.stopped.notifyAll();
 }
 
 void ResetSleepers() {
     Sleepers& sleepers = TheSleepers();
-    std::lock_guard<std::mutex> lock(sleepers.mutex);
+    XoCriticalSectionGuard lock(sleepers.section);
     sleepers.stop = false;
 }
 
 bool SleepUntilStop(uint32_t milliseconds, const char* file, int line) {
     OXEL_LOG(4, "Sleeping %u ms at %s:%d", milliseconds, file, line);
     Sleepers& sleepers = TheSleepers();
-    std::unique_lock<std::mutex> lock(sleepers.mutex);
-    return !sleepers.stopped.wait_for(lock, std::chrono::milliseconds(milliseconds),
-                                      [&] { return sleepers.stop; });
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    XoCriticalSectionGuard lock(sleepers.section);
+    while (!sleepers.stop && sleepers.stopped.waitUntil(sleepers.section, deadline)) {
+    }
+    return !sleepers.stop;
 }
 
 }  // namespace oxel

@@ -6,11 +6,10 @@
 
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <map>
-#include <mutex>
 #include <optional>
 
+#include "base/sync.h"
 #include "base/thread.h"
 
 namespace {
@@ -29,22 +28,22 @@ class TimerThread {
   public:
     XOTimerErrno Register(OxelTimerTask id, XOTimerErrno (*callback)(void*), unsigned int periodMs,
                           void* argument) {
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         if (!started_) {
             if (!thread_.start("TIMER", &TimerThread::Run, this)) return errno;
             started_ = true;
         }
         const auto period = std::chrono::milliseconds(periodMs);
         tasks_[id] = Task{callback, argument, period, Clock::now() + period, ++generation_};
-        changed_.notify_all();
+        changed_.notifyAll();
         return 0;
     }
 
     void Unregister(OxelTimerTask id) {
-        std::unique_lock<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         tasks_.erase(id);
         if (started_ && pthread_equal(pthread_self(), timer_)) return;
-        finished_.wait(lock, [&] { return running_ != id; });
+        while (running_ == id) finished_.wait(mutex_);
     }
 
   private:
@@ -54,7 +53,7 @@ class TimerThread {
     }
 
     [[noreturn]] void Loop() {
-        std::unique_lock<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         timer_ = pthread_self();
         for (;;) {
             auto next = tasks_.end();
@@ -62,22 +61,22 @@ class TimerThread {
                 if (next == tasks_.end() || task->second.due < next->second.due) next = task;
             }
             if (next == tasks_.end()) {
-                changed_.wait(lock);
+                changed_.wait(mutex_);
             } else if (const auto due = next->second.due; Clock::now() < due) {
-                changed_.wait_until(lock, due);
+                (void)changed_.waitUntil(mutex_, due);
             } else {
-                RunTask(lock, next->first, next->second);
+                RunTask(next->first, next->second);
             }
         }
     }
 
-    void RunTask(std::unique_lock<std::mutex>& lock, OxelTimerTask id, Task task) {
+    void RunTask(OxelTimerTask id, Task task) REQUIRES(mutex_) {
         running_ = id;
-        lock.unlock();
+        mutex_.leave();
         const XOTimerErrno result = task.callback(task.argument);
-        lock.lock();
+        mutex_.enter();
         running_.reset();
-        finished_.notify_all();
+        finished_.notifyAll();
         const auto found = tasks_.find(id);
         if (found == tasks_.end() || found->second.generation != task.generation) return;
         if (result != 0) {
@@ -88,15 +87,14 @@ class TimerThread {
         }
     }
 
-    std::mutex mutex_;
-    std::condition_variable changed_, finished_;
-    // All below guarded by mutex_.
-    std::map<OxelTimerTask, Task> tasks_;
-    std::optional<OxelTimerTask> running_;
-    uint64_t generation_ = 0;
-    XoThread thread_;
-    pthread_t timer_{};
-    bool started_ = false;
+    XoCriticalSection mutex_;
+    oxel::Condition changed_, finished_;
+    std::map<OxelTimerTask, Task> tasks_ GUARDED_BY(mutex_);
+    std::optional<OxelTimerTask> running_ GUARDED_BY(mutex_);
+    uint64_t generation_ GUARDED_BY(mutex_) = 0;
+    XoThread thread_ GUARDED_BY(mutex_);
+    pthread_t timer_ GUARDED_BY(mutex_){};
+    bool started_ GUARDED_BY(mutex_) = false;
 };
 
 // Never destroyed: its thread runs until the process ends.

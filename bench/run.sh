@@ -37,15 +37,15 @@ others_most=20 retries_left=$((BENCH_ROUNDS * 25))
 
 # measure ROW PLACE WHO ROUND OPTIONS...: one line of results.
 measure() {
-  local row=$1 place=$2 who=$3 round=$4 line best='' others least=1000 share most=$others_most
+  local row=$1 place=$2 who=$3 round=$4 line best='' others least=1000 mounts most=$others_most
   shift 4
-  share=(--share "$(share_of "$place")")
-  [[ $who != floor && $who != batched ]] || share=()  # they have none
+  mounts=(--share "$(share_of "$place")")
+  [[ $who != floor && $who != batched ]] || mounts=()  # they have none
   [[ ! $row =~ ^(idle|flying|.*-f1000000) ]] || most=1000  # the server remembers, or it takes long
   [[ $place != disk || ! $row =~ ^(write|create|mkdir|mix) ]] || most=1000
   for _ in 1 2 3; do
     line=$(timeout 300 "$bin/oxel-load" --port "${nfs_port[$who]}" \
-      --mount-port "${mount_port[$who]}" --server-pid "${pid[$who]}" "${share[@]}" \
+      --mount-port "${mount_port[$who]}" --server-pid "${pid[$who]}" "${mounts[@]}" \
       --format line "$@" 2>>"$BENCH_WORK/errors") || break
     others=$(field othersPercent "$line")
     others=${others%.*}
@@ -96,6 +96,7 @@ for round in $(seq "$BENCH_ROUNDS"); do
     [[ $BENCH_KIND == full || $who == pair ]] || continue
     [[ $who != pair ]] || who=$pair
     # The one that went first goes last in the next round.
+    # shellcheck disable=SC2086  # one word for each server
     ((round % 2)) || who=$(printf '%s\n' $who | tac)
     for place in $BENCH_PLACES; do
       [[ " $places " == *" $place "* ]] || continue

@@ -3,9 +3,9 @@
 
 peer=
 start_both() {
-  start_oxel ours "$bin/oxelnfsd" 1 "${1:-}"
+  start_oxel ours "$bin/oxelnfsd" 1
   peer=
-  ! start_peer "${2:-}" || peer=peer
+  ! start_peer || peer=peer
 }
 stop_both() {
   stop_one ours
@@ -17,7 +17,9 @@ place=${BENCH_PLACES##* }  # in memory when there is a choice
 share=$(share_of "$place")
 "$bin/oxel-tree" data "$share/data" $((16 << 20))
 for count in 10 1000 100000 1000000; do
-  ! wanted "files-$count" && [[ $count != 1000 ]] || "$bin/oxel-tree" names "$share/names-$count" "$count"
+  if wanted "files-$count" || [[ $count == 1000 ]]; then
+    "$bin/oxel-tree" names "$share/names-$count" "$count"
+  fi
 done
 
 # Memory: of servers that have done nothing else yet.

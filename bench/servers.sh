@@ -76,10 +76,10 @@ CONF
 # have a network of its own (it wants the port mapper's well-known port).
 # start_peer [FILE-WITH-EXPORTS]
 start_peer() {
-  [[ -n "$BENCH_ISOLATED" ]] && command -v ganesha.nfsd >/dev/null || {
+  if [[ -z "$BENCH_ISOLATED" ]] || ! command -v ganesha.nfsd >/dev/null; then
     echo 'bench: without the peer (nfs-ganesha, which needs root here)' >&2
     return 1
-  }
+  fi
   local conf=$BENCH_WORK/peer.conf place number=0
   cat >"$conf" <<CONF
 NFS_CORE_PARAM {

@@ -10,10 +10,12 @@ commit=$(git rev-parse --short HEAD 2>/dev/null || echo unknown)
 git diff --quiet HEAD 2>/dev/null || commit="$commit and changes not committed"
 other="peer nfs-ganesha $(version nfs-ganesha)"
 [[ $kind != against ]] || other="other $BENCH_AGAINST"
+# shellcheck source=/dev/null
+system=$(. /etc/os-release && echo "$PRETTY_NAME")
 cat <<TEXT
 - commit: $commit
 - machine: $(nproc) cores, $(sed -n 's/^model name[^:]*: //p' /proc/cpuinfo | head -n 1), $(awk '/^MemTotal/ { printf "%.0f GiB", $2 / 1048576 }' /proc/meminfo), Linux $(uname -r)
-- versions: $(. /etc/os-release && echo "$PRETTY_NAME"), GCC $(gcc -dumpfullversion 2>/dev/null || echo none), libtirpc $(version libtirpc3), $other
+- versions: $system, GCC $(gcc -dumpfullversion 2>/dev/null || echo none), libtirpc $(version libtirpc3), $other
 - date: $(date -u +%F), $BENCH_ROUNDS round$([[ $BENCH_ROUNDS == 1 ]] || echo s) of $BENCH_SECONDS s
 TEXT
 touch "$BENCH_WORK/results"

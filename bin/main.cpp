@@ -179,7 +179,8 @@ static void* WaitForSignals(void*) {
     }
 }
 
-int main(int argc, char** argv) {
+// Memory that is short at the start ends the process here.
+int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
     const sigset_t signals = HandledSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     OxelServiceGlobals::SetOxelStatus(OxelStarting);
@@ -191,14 +192,13 @@ int main(int argc, char** argv) {
     }
 
     XOPI_Focus::setFocusClientNameFromArgs(argc, argv);
-    EvEvent event;
     const VMArgsAdjust adjusted(argc, argv, false);
     // Twice: the first focus may create what the second one then finds.
     XOPI_Focus::setFocus(VMArgsAdjust::getName());
     XOPI_Focus::setFocus(VMArgsAdjust::getName());
     if (EvEvent::initialize(2, kProgramId, 0, nullptr, "") != 1) {
         printf("Failed to initialize EvEvent");
-        fflush(stdout);
+        (void)fflush(stdout);
         _exit(1);
     }
     EvDebug::Debug("main", "Starting oxelnfsd.");

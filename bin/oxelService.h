@@ -82,7 +82,7 @@ bool StartNetworkServices(std::string& failedStep);
 // Tries every 60 s until it works (`retry`) or the process is to stop.
 bool StartNfs3Service(bool retry);
 bool StartMount3Service(void* unused);
-void* StartRPCService(void* args);  // thread body; an RPCServiceArgs*
+void* StartRPCService(void* opaque);  // thread body; an RPCServiceArgs*
 // Binds (the first time), makes the transports, registers; sets the done event before it returns.
 OxelServiceStatus StartTcpService(RPCServiceArgs* args);
 // The receive loop: the only thread that reads from sockets, until the stop flag is set.

@@ -10,19 +10,19 @@
 #include <sys/select.h>
 #include <unistd.h>
 
-#include <mutex>
 #include <utility>
 #include <vector>
+
+#include "base/sync.h"
 
 namespace oxel {
 
 namespace {
 
 struct LowNumbers {
-    std::mutex mutex;
-    // Guarded by mutex.
-    UniqueFd placeholder;  // empty: nothing is reserved
-    std::vector<int> free;
+    XoCriticalSection mutex;
+    UniqueFd placeholder GUARDED_BY(mutex);  // empty: nothing is reserved
+    std::vector<int> free GUARDED_BY(mutex);
 };
 
 // Never destroyed: a call may end while the process does.
@@ -35,9 +35,9 @@ LowNumbers& Numbers() {
 
 void ReserveLowDescriptors() {
     rlimit limit;
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur < 2 * FD_SETSIZE) return;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur < rlim_t{2} * FD_SETSIZE) return;
     LowNumbers& numbers = Numbers();
-    std::lock_guard<std::mutex> lock(numbers.mutex);
+    XoCriticalSectionGuard lock(numbers.mutex);
     if (numbers.placeholder) return;
     numbers.free.reserve(FD_SETSIZE);
     UniqueFd placeholder(eventfd(0, EFD_CLOEXEC));
@@ -52,7 +52,7 @@ void ReserveLowDescriptors() {
 UniqueFd AtLowDescriptor(UniqueFd socket) {
     if (socket.Get() < FD_SETSIZE) return socket;
     LowNumbers& numbers = Numbers();
-    std::lock_guard<std::mutex> lock(numbers.mutex);
+    XoCriticalSectionGuard lock(numbers.mutex);
     if (numbers.free.empty()) return socket;
     UniqueFd low(dup3(socket.Get(), numbers.free.back(), O_CLOEXEC));
     if (!low) return socket;
@@ -63,7 +63,7 @@ UniqueFd AtLowDescriptor(UniqueFd socket) {
 int GiveLowDescriptorBack(int fd) {
     if (fd >= FD_SETSIZE) return fd;
     LowNumbers& numbers = Numbers();
-    std::lock_guard<std::mutex> lock(numbers.mutex);
+    XoCriticalSectionGuard lock(numbers.mutex);
     if (!numbers.placeholder) return fd;
     UniqueFd instead(fcntl(numbers.placeholder.Get(), F_DUPFD_CLOEXEC, FD_SETSIZE));
     if (!instead || dup3(numbers.placeholder.Get(), fd, O_CLOEXEC) < 0) return fd;

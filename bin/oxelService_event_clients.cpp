@@ -14,7 +14,7 @@ using Pause = EventConnection::Pause;
 void EventLoop::TakeOver(oxel::UniqueFd socket, const AddressKey& address) {
     clients_.fetch_add(1, std::memory_order_relaxed);
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         taken_.emplace_back(std::move(socket), address);
     }
     Wake();

@@ -8,11 +8,11 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "base/sync.h"
 #include "base/unique_fd.h"
 #include "bin/oxelService_event.h"
 #include "bin/oxelService_event_service.h"
@@ -102,9 +102,10 @@ class EventLoop {
 
     std::atomic<size_t> clients_{0};
     std::atomic<bool> somePaused_{false};
-    std::mutex mutex_;
-    // Guarded by mutex_; connections with a reference each.
-    std::vector<std::pair<oxel::UniqueFd, AddressKey>> taken_;
-    std::vector<EventConnection*> blocked_;   // whose clients do not take their replies
-    std::vector<EventConnection*> answered_;  // whose MOUNT call is done
+    XoCriticalSection mutex_;
+    std::vector<std::pair<oxel::UniqueFd, AddressKey>> taken_ GUARDED_BY(mutex_);
+    // Connections with a reference each: whose clients do not take their replies, and whose MOUNT
+    // call is done.
+    std::vector<EventConnection*> blocked_ GUARDED_BY(mutex_);
+    std::vector<EventConnection*> answered_ GUARDED_BY(mutex_);
 };

@@ -33,7 +33,7 @@ thread_local CallInfo3* tReserved = nullptr;
 }  // namespace
 
 ClientTable::Admitted ClientTable::Admit(const AddressKey& address, const ClientLimits& limits) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    XoCriticalSectionGuard lock(mutex_);
     if (all_ >= limits.connections) return Admitted::kTooMany;
     const auto known = perAddress_.find(address);
     if (known != perAddress_.end() && known->second >= limits.connectionsPerAddress)
@@ -44,7 +44,7 @@ ClientTable::Admitted ClientTable::Admit(const AddressKey& address, const Client
 }
 
 void ClientTable::Leave(const AddressKey& address) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    XoCriticalSectionGuard lock(mutex_);
     const auto known = perAddress_.find(address);
     if (--known->second == 0) perAddress_.erase(known);
     --all_;
@@ -75,23 +75,25 @@ void EventService::Receive() {
         try {
             std::thread([this, loop = loops_[i].get()] {
                 loop->Run();
-                std::lock_guard<std::mutex> lock(mutex_);
+                XoCriticalSectionGuard lock(mutex_);
                 --running_;
-                ended_.notify_all();
+                ended_.notifyAll();
             }).detach();
         } catch (const std::system_error&) {
             OXEL_LOG(-1, "Error: No thread for receive loop [%zu] of [%zu].", i + 1, loops_.size());
             loops_.resize(i);
             break;
         }
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         ++running_;
     }
     loops_.front()->Run();
     WakeOtherLoops();
-    std::unique_lock<std::mutex> lock(mutex_);
+    const auto deadline = std::chrono::steady_clock::now() + kEndPatience;
+    XoCriticalSectionGuard lock(mutex_);
     // One that is held up in a call ends with the process.
-    (void)ended_.wait_for(lock, kEndPatience, [this] { return running_ == 0; });
+    while (running_ != 0 && ended_.waitUntil(mutex_, deadline)) {
+    }
 }
 
 bool EventService::ReserveRecord() {
@@ -132,7 +134,7 @@ void EventService::WakeOtherLoops() {
 void EventService::DispatchMount(EventConnection* connection) {
     connection->AddCall();
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         mounts_.push_back(connection);
         if (std::exchange(mountsAreServed_, true)) return;
     }
@@ -145,7 +147,7 @@ void* EventService::ServeMounts(void* service) {
     for (;;) {
         EventConnection* connection;
         {
-            std::lock_guard<std::mutex> lock(self->mutex_);
+            XoCriticalSectionGuard lock(self->mutex_);
             if (self->mounts_.empty()) {
                 self->mountsAreServed_ = false;
                 return nullptr;

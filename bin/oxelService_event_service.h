@@ -5,14 +5,13 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <vector>
 
+#include "base/sync.h"
 #include "base/unique_fd.h"
 #include "bin/oxelService_carrier.h"
 #include "bin/oxelService_event.h"
@@ -28,10 +27,9 @@ class ClientTable {
     void Leave(const AddressKey& address);
 
   private:
-    std::mutex mutex_;
-    // Guarded by mutex_.
-    std::map<AddressKey, uint32_t> perAddress_;
-    uint32_t all_ = 0;
+    XoCriticalSection mutex_;
+    std::map<AddressKey, uint32_t> perAddress_ GUARDED_BY(mutex_);
+    uint32_t all_ GUARDED_BY(mutex_) = 0;
 };
 
 class EventService : public Carrier {
@@ -78,10 +76,9 @@ class EventService : public Carrier {
     ClientLimits limits_;
     std::vector<std::unique_ptr<EventLoop>> loops_;  // constant while they run
 
-    std::mutex mutex_;
-    // Guarded by mutex_.
-    std::condition_variable ended_;
-    unsigned running_ = 0;                 // loops besides the first
-    std::deque<EventConnection*> mounts_;  // with a reference each
-    bool mountsAreServed_ = false;
+    XoCriticalSection mutex_;
+    oxel::Condition ended_;
+    unsigned running_ GUARDED_BY(mutex_) = 0;                 // loops besides the first
+    std::deque<EventConnection*> mounts_ GUARDED_BY(mutex_);  // with a reference each
+    bool mountsAreServed_ GUARDED_BY(mutex_) = false;
 };

@@ -72,7 +72,7 @@ void EventLoop::TakeOut(EventConnection* connection) {
 void EventLoop::WaitForClient(EventConnection* connection) {
     connection->AddCall();
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         blocked_.push_back(connection);
     }
     Wake();
@@ -80,7 +80,7 @@ void EventLoop::WaitForClient(EventConnection* connection) {
 
 void EventLoop::MountIsDone(EventConnection* connection) {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         answered_.push_back(connection);
     }
     Wake();
@@ -90,7 +90,7 @@ void EventLoop::TakeNews() {
     decltype(taken_) taken;
     std::vector<EventConnection*> blocked, answered;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         taken.swap(taken_);
         blocked.swap(blocked_);
         answered.swap(answered_);

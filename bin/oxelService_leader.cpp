@@ -61,13 +61,13 @@ bool Leadership::Watch() {
 }
 
 void Leadership::StartWatcherIfNone() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    XoCriticalSectionGuard lock(mutex_);
     if (deputies_ != 0 || threads_ + 1 >= threadsMost_) return;
     try {
         std::thread([this, number = threads_ + 2] {
             oxel::SetThreadName(name_ + "-" + std::to_string(number));
             Member(false);
-            std::lock_guard<std::mutex> ended(mutex_);
+            XoCriticalSectionGuard ended(mutex_);
             --threads_;
         }).detach();
         ++threads_;
@@ -78,9 +78,9 @@ void Leadership::StartWatcherIfNone() {
 }
 
 void Leadership::SayOver() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    XoCriticalSectionGuard lock(mutex_);
     over_ = true;
-    changed_.notify_all();
+    changed_.notifyAll();
     wakeWatcher_.set();
 }
 
@@ -88,16 +88,16 @@ void Leadership::Member(bool leads) {
     for (;; leads = false) {
         if (!leads) {
             {
-                std::unique_lock<std::mutex> lock(mutex_);
-                changed_.wait(lock, [this] { return !watched_ || over_; });
+                XoCriticalSectionGuard lock(mutex_);
+                while (watched_ && !over_) changed_.wait(mutex_);
                 if (over_) return;
                 watched_ = true;
             }
             const bool leadsNow = Watch();
             {
-                std::lock_guard<std::mutex> lock(mutex_);
+                XoCriticalSectionGuard lock(mutex_);
                 watched_ = false;
-                changed_.notify_one();
+                changed_.notifyOne();
                 if (!leadsNow) return;
                 --deputies_;
             }
@@ -107,7 +107,7 @@ void Leadership::Member(bool leads) {
             SayOver();
             return;
         }
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         ++deputies_;
     }
 }
@@ -120,6 +120,6 @@ void Leadership::Run(Lead lead, unsigned threadsMost, const std::string& name) {
 }
 
 bool Leadership::AllEnded() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    XoCriticalSectionGuard lock(mutex_);
     return threads_ == 0;
 }

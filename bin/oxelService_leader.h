@@ -7,10 +7,8 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 
 #include "base/sync.h"
@@ -25,7 +23,7 @@ class Leadership {
     // Threads that it makes are called "<name>-2" and so on.
     void Run(Lead lead, unsigned threadsMost, const std::string& name = "NFS");
     // Whether every thread but the one that called Run() has ended.
-    bool AllEnded();
+    bool AllEnded() EXCLUDES(mutex_);
     // Whether somebody watches the leader or is about to, and would take its place: a leader that
     // is held up with nobody behind it holds everybody up. By the thread that leads; holds until
     // Begin().
@@ -40,9 +38,9 @@ class Leadership {
   private:
     void Member(bool leads);
     // Waits until the leader is held up and takes its place; false when it is over.
-    bool Watch();
-    void StartWatcherIfNone();
-    void SayOver();
+    bool Watch() EXCLUDES(mutex_);
+    void StartWatcherIfNone() EXCLUDES(mutex_);
+    void SayOver() EXCLUDES(mutex_);
 
     Lead lead_;
     unsigned threadsMost_ = 0;
@@ -54,11 +52,10 @@ class Leadership {
     std::atomic<bool> over_{false};
     XoEvent wakeWatcher_;
 
-    std::mutex mutex_;
+    XoCriticalSection mutex_;
+    oxel::Condition changed_;
     // Threads that neither lead nor are held up; written under mutex_.
     std::atomic<unsigned> deputies_{0};
-    // Guarded by mutex_.
-    std::condition_variable changed_;
-    bool watched_ = false;
-    unsigned threads_ = 0;  // besides the one that called Run()
+    bool watched_ GUARDED_BY(mutex_) = false;
+    unsigned threads_ GUARDED_BY(mutex_) = 0;  // besides the one that called Run()
 };

@@ -6,11 +6,11 @@
 #include <algorithm>
 #include <atomic>
 #include <ctime>
-#include <mutex>
 
 #include "backend/OxelServiceGlobals.h"
 #include "base/log.h"
 #include "base/store.h"
+#include "base/sync.h"
 
 ClientLimits ClientLimits::FromSettings() {
     static constexpr size_t kHeaderBytes = 8 << 10;
@@ -46,13 +46,15 @@ namespace {
 constexpr unsigned kLinesAMinute = 10;
 constexpr int64_t kMinute = 60;
 
+XoCriticalSection gMutex;
+int64_t gMinuteBegan GUARDED_BY(gMutex) = 0;
+
 struct Account {
     const char* name;
     std::atomic<uint64_t> count{0};
-    // Guarded by gMutex.
-    unsigned lines = 0;
-    uint64_t unsaid = 0;
-    std::string text;
+    unsigned lines GUARDED_BY(gMutex) = 0;
+    uint64_t unsaid GUARDED_BY(gMutex) = 0;
+    std::string text GUARDED_BY(gMutex);
 };
 
 // In the order of EndReason.
@@ -60,9 +62,6 @@ Account gAccounts[kEndReasons] = {
     {"byClient"},    {"recordTooLarge"},  {"tooManyFragments"}, {"recordTimeout"}, {"idle"},
     {"sendTimeout"}, {"connectionLimit"}, {"addressLimit"},     {"bufferLimit"},   {"notACall"},
 };
-
-std::mutex gMutex;
-int64_t gMinuteBegan = 0;  // guarded by gMutex
 
 }  // namespace
 
@@ -72,7 +71,7 @@ int64_t CoarseSeconds() {
     return now.tv_sec;
 }
 
-static void SumUp() {
+static void SumUp() REQUIRES(gMutex) {
     const int64_t now = CoarseSeconds();
     if (now - gMinuteBegan < kMinute) return;
     gMinuteBegan = now;
@@ -86,7 +85,7 @@ static void SumUp() {
 }
 
 void CountEnd(EndReason reason, const std::string& address, const std::string& text) {
-    std::lock_guard<std::mutex> lock(gMutex);
+    XoCriticalSectionGuard lock(gMutex);
     SumUp();
     Account& account = gAccounts[static_cast<unsigned>(reason)];
     account.count.fetch_add(1, std::memory_order_relaxed);
@@ -102,7 +101,7 @@ void CountEnd(EndReason reason, const std::string& address, const std::string& t
 }
 
 void SumEndsUp() {
-    std::lock_guard<std::mutex> lock(gMutex);
+    XoCriticalSectionGuard lock(gMutex);
     SumUp();
 }
 

@@ -160,8 +160,8 @@ bool StartMount3Service(void*) {
     return true;
 }
 
-void* StartRPCService(void* argument) {
-    auto* args = static_cast<RPCServiceArgs*>(argument);
+void* StartRPCService(void* opaque) {
+    auto* args = static_cast<RPCServiceArgs*>(opaque);
     const bool isNfs = args->program == OxelServiceGlobals::nfsProgram;
     OXEL_LOG(1, "Program [%d] Version [%d] Protocol [%s] Port [%hu]",
              static_cast<int>(args->program), static_cast<int>(args->version), "TCP", args->port);

@@ -65,26 +65,26 @@ class ReplyQueue {
 
   private:
     struct Reference;
-    // Under lock_: makes what is queued the calling thread's to send.
-    void Take();
+    // Makes what is queued the calling thread's to send.
+    void Take() REQUIRES(lock_);
     // By the thread that took: sends until nothing is queued or the socket is full.
-    Sent SendOut(int fd, Reference* reference);
+    Sent SendOut(int fd, Reference* reference) EXCLUDES(lock_);
     // What was taken, with a run of bytes of the caller's inside it. What of that run the socket
     // does not take is copied.
-    Sent SendTaken(int fd, Reference* reference);
+    Sent SendTaken(int fd, Reference* reference) EXCLUDES(lock_);
     bool Keep(const Reference& reference);
-    // Under lock_: tells bytesBlocked_ how much waits here.
-    void Count(uint64_t bytes);
+    // Tells bytesBlocked_ how much waits here.
+    void Count(uint64_t bytes) REQUIRES(lock_);
 
     static std::atomic<uint64_t> bytesBlocked_;
 
     XoCriticalSection lock_;
-    ReplyBytes queued_;     // under lock_
-    bool sending_ = false;  // under lock_: some thread has taken
-    ReplyBytes taken_;      // that thread's; when blocked_, nobody's
+    ReplyBytes queued_ GUARDED_BY(lock_);
+    bool sending_ GUARDED_BY(lock_) = false;  // some thread has taken
+    ReplyBytes taken_;                        // that thread's; when blocked_, nobody's
     size_t takenSent_ = 0;
-    std::atomic<bool> blocked_{false};  // written under lock_
-    bool failed_ = false;               // under lock_: part of a reply may be out, nothing follows
+    std::atomic<bool> blocked_{false};       // written under lock_
+    bool failed_ GUARDED_BY(lock_) = false;  // part of a reply may be out, nothing follows
     std::atomic<size_t> queuedBytes_{0};
-    uint64_t counted_ = 0;  // under lock_
+    uint64_t counted_ GUARDED_BY(lock_) = 0;
 };

@@ -46,7 +46,8 @@ bool InitializeNfs3Service() {
                      "Error: MAX buf size cannot be > [%d KB]. Resetting to default value "
                      "[%ld KB].",
                      static_cast<int>(kTransferKbMax), static_cast<long>(NFS3_MAXBUF_SIZE / 1024));
-        NFS3_MAXBUF_SIZE = number * 1024u;
+        const uint32_t bytes = number * 1024u;  // in 32 bits, as it always was
+        NFS3_MAXBUF_SIZE = bytes;
     } else {
         OXEL_LOG(1, "MAX Buf Size not set. Defaulting to [%ld KB].",
                  static_cast<long>(NFS3_MAXBUF_SIZE / 1024));

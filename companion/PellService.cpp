@@ -12,14 +12,13 @@
 
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <set>
 
 #include "base/log.h"
+#include "base/sync.h"
 #include "base/thread.h"
 #include "base/thread_pool.h"
 #include "companion/control_socket.h"
@@ -55,12 +54,11 @@ std::string ReplyLine(const ControlReply& reply) {
 
 // What the administrator may ask for, and what the daemon has told.
 struct Verbs {
-    std::mutex mutex;
-    // Guarded by mutex.
-    std::map<std::string, ControlHandler> handlers;
-    NetworkServiceSetupCB startNetwork = nullptr;
-    bool servicesNotStarted = true;
-    bool portMapperNotRegistered = true;
+    XoCriticalSection mutex;
+    std::map<std::string, ControlHandler> handlers GUARDED_BY(mutex);
+    NetworkServiceSetupCB startNetwork GUARDED_BY(mutex) = nullptr;
+    bool servicesNotStarted GUARDED_BY(mutex) = true;
+    bool portMapperNotRegistered GUARDED_BY(mutex) = true;
 };
 
 Verbs& TheVerbs() {
@@ -77,7 +75,7 @@ ControlReply StartNetwork(const json& request) {
     Verbs& verbs = TheVerbs();
     NetworkServiceSetupCB start = nullptr;
     {
-        std::lock_guard<std::mutex> lock(verbs.mutex);
+        XoCriticalSectionGuard lock(verbs.mutex);
         start = verbs.startNetwork;
     }
     if (start == nullptr)
@@ -89,7 +87,7 @@ ControlReply StartNetwork(const json& request) {
     if (!start(registerWithPortMapper, true))
         return Refusal("the network services could not be started; the log says why");
     ControlReply reply;
-    std::lock_guard<std::mutex> lock(verbs.mutex);
+    XoCriticalSectionGuard lock(verbs.mutex);
     reply.body["servicesStarted"] = !verbs.servicesNotStarted;
     reply.body["portMapperRegistered"] = !verbs.portMapperNotRegistered;
     return reply;
@@ -108,7 +106,7 @@ ControlReply Answer(const std::string& line) {
     ControlHandler handler;
     {
         Verbs& verbs = TheVerbs();
-        std::lock_guard<std::mutex> lock(verbs.mutex);
+        XoCriticalSectionGuard lock(verbs.mutex);
         if (const auto known = verbs.handlers.find(verb); known != verbs.handlers.end())
             handler = known->second;
     }
@@ -153,7 +151,7 @@ class ControlServer {
   public:
     // False with errno.
     bool Start(const std::string& path) {
-        std::lock_guard<std::mutex> startStop(startStopMutex_);
+        XoCriticalSectionGuard startStop(startStopMutex_);
         if (listener_) {
             errno = EALREADY;
             return false;
@@ -167,7 +165,7 @@ class ControlServer {
         wake_ = std::move(wake);
         listener_ = std::move(listener);
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            XoCriticalSectionGuard lock(mutex_);
             stopping_ = false;
         }
         if (acceptor_.start("PELL", &ControlServer::Accept, this)) return true;
@@ -179,12 +177,12 @@ class ControlServer {
     }
 
     void Stop() {
-        std::lock_guard<std::mutex> startStop(startStopMutex_);
+        XoCriticalSectionGuard startStop(startStopMutex_);
         if (!listener_) return;
         RemoveSocketFile(file_);
         const uint64_t one = 1;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            XoCriticalSectionGuard lock(mutex_);
             stopping_ = true;
             // Who has not finished asking is not waited for.
             for (const int fd : asking_) (void)shutdown(fd, SHUT_RD);
@@ -193,9 +191,11 @@ class ControlServer {
             OXEL_LOG(-1, "The control socket's thread cannot be woken: %m");
         acceptor_.join();
         listener_.Reset();
-        std::unique_lock<std::mutex> lock(mutex_);
+        const auto deadline = std::chrono::steady_clock::now() + kStopWait;
+        XoCriticalSectionGuard lock(mutex_);
         const unsigned mine = tlsHandling ? 1 : 0;
-        handled_.wait_for(lock, kStopWait, [&] { return handling_ <= mine; });
+        while (handling_ > mine && handled_.waitUntil(mutex_, deadline)) {
+        }
     }
 
   private:
@@ -235,18 +235,19 @@ class ControlServer {
             RefuseAtOnce(fd, "only root and the daemon's own user may ask");
             return;
         }
+        bool busy = false;
         {
-            std::unique_lock<std::mutex> lock(mutex_);
+            XoCriticalSectionGuard lock(mutex_);
             if (stopping_) return;
-            if (connections_ == kConnectionsMax) {
-                lock.unlock();
-                RefuseAtOnce(fd, "the daemon is busy with other requests; try again");
-                return;
+            busy = connections_ == kConnectionsMax;
+            if (!busy) {
+                asking_.insert(fd);
+                ++connections_;
             }
-            asking_.insert(fd);
-            ++connections_;
         }
-        if (pool_.doWork(&ControlServer::Serve, connection.get())) {
+        if (busy) {
+            RefuseAtOnce(fd, "the daemon is busy with other requests; try again");
+        } else if (pool_.doWork(&ControlServer::Serve, connection.get())) {
             (void)connection.release();  // Serve frees it
         } else {
             RefuseAtOnce(fd, "the daemon has no thread for the request");
@@ -283,42 +284,41 @@ class ControlServer {
     }
 
     // False when the server is stopping.
-    bool BeginHandling(int fd) {
-        std::lock_guard<std::mutex> lock(mutex_);
+    bool BeginHandling(int fd) EXCLUDES(mutex_) {
+        XoCriticalSectionGuard lock(mutex_);
         asking_.erase(fd);
         if (stopping_) return false;
         ++handling_;
         return true;
     }
 
-    void EndHandling() {
-        std::lock_guard<std::mutex> lock(mutex_);
+    void EndHandling() EXCLUDES(mutex_) {
+        XoCriticalSectionGuard lock(mutex_);
         --handling_;
-        handled_.notify_all();
+        handled_.notifyAll();
     }
 
     // The caller closes the descriptor after this.
-    void Forget(int fd) {
-        std::lock_guard<std::mutex> lock(mutex_);
+    void Forget(int fd) EXCLUDES(mutex_) {
+        XoCriticalSectionGuard lock(mutex_);
         asking_.erase(fd);
         --connections_;
     }
 
-    std::mutex startStopMutex_;  // taken before mutex_
-    // Guarded by startStopMutex_; constant while the acceptor runs.
+    XoCriticalSection startStopMutex_ ACQUIRED_BEFORE(mutex_);
+    // Changed under startStopMutex_; constant while the acceptor runs.
     UniqueFd listener_, wake_;
-    SocketFile file_;
-    XoThread acceptor_;
+    SocketFile file_ GUARDED_BY(startStopMutex_);
+    XoThread acceptor_ GUARDED_BY(startStopMutex_);
 
     XoThreadPool pool_;  // synchronised by itself
 
-    std::mutex mutex_;
-    std::condition_variable handled_;
-    // Guarded by mutex_.
-    std::set<int> asking_;      // connections whose request has not come yet
-    unsigned connections_ = 0;  // all that have a thread
-    unsigned handling_ = 0;     // those whose request has come
-    bool stopping_ = false;
+    XoCriticalSection mutex_;
+    oxel::Condition handled_;
+    std::set<int> asking_ GUARDED_BY(mutex_);      // connections whose request has not come yet
+    unsigned connections_ GUARDED_BY(mutex_) = 0;  // all that have a thread
+    unsigned handling_ GUARDED_BY(mutex_) = 0;     // those whose request has come
+    bool stopping_ GUARDED_BY(mutex_) = false;
 };
 
 // Never destroyed: a handler may run for minutes, also while the process ends.
@@ -331,7 +331,7 @@ ControlServer& TheServer() {
 
 void SetControlHandler(const std::string& verb, ControlHandler handler) {
     Verbs& verbs = TheVerbs();
-    std::lock_guard<std::mutex> lock(verbs.mutex);
+    XoCriticalSectionGuard lock(verbs.mutex);
     verbs.handlers[verb] = std::move(handler);
 }
 
@@ -343,13 +343,13 @@ bool StartPellService(const std::string& socketPath) {
 
 void SetNetworkServiceSetupCB(NetworkServiceSetupCB callback) {
     oxel::Verbs& verbs = oxel::TheVerbs();
-    std::lock_guard<std::mutex> lock(verbs.mutex);
+    XoCriticalSectionGuard lock(verbs.mutex);
     verbs.startNetwork = callback;
 }
 
 void SetStartupArgs(bool servicesNotStarted, bool portMapperNotRegistered) {
     oxel::Verbs& verbs = oxel::TheVerbs();
-    std::lock_guard<std::mutex> lock(verbs.mutex);
+    XoCriticalSectionGuard lock(verbs.mutex);
     verbs.servicesNotStarted = servicesNotStarted;
     verbs.portMapperNotRegistered = portMapperNotRegistered;
 }

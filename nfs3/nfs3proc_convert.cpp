@@ -43,7 +43,7 @@ constexpr StatusOfErrno kStatusRows[] = {
 
 // The rows by errno; an errno without a row is its own status. That a client sees 11 for EAGAIN or
 // 122 for EDQUOT is meant: clients map such numbers back to the errno they are.
-constexpr auto kStatusByErrno = [] {
+constexpr auto kStatusByErrno = []() {
     std::array<nfsstat3, ENOTEMPTY + 1> table{};
     for (size_t err = 0; err < table.size(); ++err) table[err] = static_cast<nfsstat3>(err);
     for (const StatusOfErrno& row : kStatusRows) table[row.err] = row.status;

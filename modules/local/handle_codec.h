@@ -49,7 +49,7 @@ struct ObjectId {
     }
     // The signature as a number: a hash of the whole id that needs no computing.
     uint64_t Hash() const {
-        uint64_t hash;
+        uint64_t hash = 0;
         memcpy(&hash, bytes + length - kSignatureBytes, sizeof hash);
         return hash;
     }

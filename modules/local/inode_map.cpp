@@ -5,8 +5,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 
+#include "base/sync.h"
 #include "modules/local/handle_codec.h"
 #include "modules/local/inode_map_store.h"
 #include "modules/local/local_module.h"
@@ -23,20 +23,20 @@ thread_local int batchDepth = 0;
 // The one store of the process. It stays open when the last share that uses it goes: the next one
 // may be opened while the end of the last one is still under way.
 struct Keeper {
-    std::mutex mutex;
-    std::string directory;  // empty: none
-    std::shared_ptr<InodeStore> store;
-    std::weak_ptr<InodeStore> before;  // of an earlier KeepPlacesIn
+    XoCriticalSection mutex;
+    std::string directory GUARDED_BY(mutex);  // empty: none
+    std::shared_ptr<InodeStore> store GUARDED_BY(mutex);
+    std::weak_ptr<InodeStore> before GUARDED_BY(mutex);  // of an earlier KeepPlacesIn
 
     std::shared_ptr<InodeStore> Get() {
-        std::lock_guard<std::mutex> lock(mutex);
+        XoCriticalSectionGuard lock(mutex);
         if (directory.empty() || store) return store;
         store = before.lock();
         if (!store || store->Directory() != directory) store = InodeStore::Open(directory);
         return store;
     }
     std::shared_ptr<InodeStore> IfOpen() {
-        std::lock_guard<std::mutex> lock(mutex);
+        XoCriticalSectionGuard lock(mutex);
         return store;
     }
 };
@@ -148,7 +148,7 @@ namespace oxel {
 
 void KeepPlacesIn(const std::string& directory) {
     local::Keeper& keeper = local::keeper();
-    std::lock_guard<std::mutex> lock(keeper.mutex);
+    XoCriticalSectionGuard lock(keeper.mutex);
     keeper.directory = directory;
     keeper.before = keeper.store;
     keeper.store.reset();

@@ -163,6 +163,7 @@ int InodeStore::OpenEnvironment(std::string* reason) {
 }
 
 void InodeStore::CloseEnvironment() {
+    XoCriticalSectionGuard lock(readersMutex_);
     for (MDB_txn* reader : readers_) mdb_txn_abort(reader);
     readers_.clear();
     if (environment_ != nullptr) mdb_env_close(environment_);
@@ -172,11 +173,11 @@ void InodeStore::CloseEnvironment() {
 void InodeStore::Settle() noexcept {
     if (environment_ == nullptr) return;
     {
-        std::lock_guard<std::mutex> commit(commitMutex_);
+        XoCriticalSectionGuard commit(commitMutex_);
         retryAtMs_ = 0;  // the last chance
     }
     Flush();
-    std::lock_guard<std::mutex> commit(commitMutex_);
+    XoCriticalSectionGuard commit(commitMutex_);
     if (settled_) return;
     // From here on every commit syncs, so the mark is not needed any more.
     int error = mdb_env_set_flags(environment_, MDB_NOSYNC, 0);

@@ -40,9 +40,9 @@ struct KeyBytes {
 // Renewing one from the pool takes no lock between processes.
 class InodeStore::Reader {
   public:
-    explicit Reader(InodeStore& store) : store_(store), map_(store.mapMutex_) {
+    explicit Reader(InodeStore& store) : store_(store), map_(store.mapSection_) {
         {
-            std::lock_guard<std::mutex> lock(store_.readersMutex_);
+            XoCriticalSectionGuard lock(store_.readersMutex_);
             if (!store_.readers_.empty()) {
                 transaction_ = store_.readers_.back();
                 store_.readers_.pop_back();
@@ -60,7 +60,7 @@ class InodeStore::Reader {
         if (transaction_ == nullptr) return;
         mdb_txn_reset(transaction_);
         try {
-            std::lock_guard<std::mutex> lock(store_.readersMutex_);
+            XoCriticalSectionGuard lock(store_.readersMutex_);
             store_.readers_.push_back(transaction_);
         } catch (...) {
             mdb_txn_abort(transaction_);
@@ -82,13 +82,13 @@ class InodeStore::Reader {
 
   private:
     InodeStore& store_;
-    const std::shared_lock<std::shared_mutex> map_;
+    const SharedGuard map_;
     MDB_txn* transaction_ = nullptr;
 };
 
 bool InodeStore::Get(const Key& key, std::string* record) {
     if (Unwritten() != 0) {
-        std::lock_guard<std::mutex> lock(tablesMutex_);
+        XoCriticalSectionGuard lock(tablesMutex_);
         for (const Table* table : {&unwritten_, &beingWritten_}) {
             const auto it = table->find(key);
             if (it == table->end()) continue;
@@ -109,7 +109,7 @@ void InodeStore::Erase(const Key& key) {
 }
 
 void InodeStore::Change(const Key& key, std::optional<std::string> record) {
-    std::lock_guard<std::mutex> lock(tablesMutex_);
+    XoCriticalSectionGuard lock(tablesMutex_);
     if (environment_ == nullptr && !record)
         unwritten_.erase(key);
     else
@@ -121,17 +121,17 @@ void InodeStore::Change(const Key& key, std::optional<std::string> record) {
 // by the first of them.
 void InodeStore::Flush() noexcept {
     if (environment_ == nullptr || Unwritten() == 0) return;
-    std::lock_guard<std::mutex> commit(commitMutex_);
+    XoCriticalSectionGuard commit(commitMutex_);
     if (failed_ && NowMs() < retryAtMs_) return;
     {
-        std::lock_guard<std::mutex> lock(tablesMutex_);
+        XoCriticalSectionGuard lock(tablesMutex_);
         if (unwritten_.empty()) return;
         beingWritten_.swap(unwritten_);
     }
-    const int error = Commit(beingWritten_);
+    const int error = Commit(BeingWritten());
     Table done;
     {
-        std::lock_guard<std::mutex> lock(tablesMutex_);
+        XoCriticalSectionGuard lock(tablesMutex_);
         try {
             // What has been set meanwhile is newer.
             if (error != 0) unwritten_.merge(beingWritten_);
@@ -172,7 +172,7 @@ int InodeStore::Commit(const Table& table) {
 }
 
 int InodeStore::CommitSome(Table::const_iterator* at, Table::const_iterator end) {
-    const std::shared_lock<std::shared_mutex> map(mapMutex_);
+    SharedGuard map(mapSection_);
     MDB_txn* transaction = nullptr;
     int error = mdb_txn_begin(environment_, nullptr, 0, &transaction);
     if (error != 0) return error;
@@ -195,7 +195,7 @@ int InodeStore::CommitSome(Table::const_iterator* at, Table::const_iterator end)
 }
 
 bool InodeStore::Grow() {
-    const std::unique_lock<std::shared_mutex> map(mapMutex_);
+    ExclusiveGuard map(mapSection_);
     MDB_envinfo info;
     if (mdb_env_info(environment_, &info) != 0) return false;
     const size_t bytes = info.me_mapsize * 2;

@@ -16,12 +16,12 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
+
+#include "base/sync.h"
 
 struct MDB_env;
 struct MDB_txn;
@@ -65,10 +65,10 @@ class InodeStore {
     size_t Unwritten() const { return unwrittenCount_.load(std::memory_order_acquire); }
     // Writes what was set and erased. When the disk refuses, that is logged once, the records stay
     // in memory, and later calls try again after a while.
-    void Flush() noexcept;
+    void Flush() noexcept EXCLUDES(commitMutex_, tablesMutex_);
     // Flush, and everything to the disk. Later changes are synced one by one: to be called when the
     // process ends.
-    void Settle() noexcept;
+    void Settle() noexcept EXCLUDES(commitMutex_, tablesMutex_);
 
   private:
     struct KeyHash {
@@ -85,11 +85,15 @@ class InodeStore {
     bool OpenOrSetAside(std::string* reason);
     int OpenEnvironment(std::string* reason);
     void CloseEnvironment();
-    void Change(const Key& key, std::optional<std::string> record);
-    int Commit(const Table& table);
-    int CommitSome(Table::const_iterator* at, Table::const_iterator end);
-    bool Grow();
-    void Outcome(int error);
+    void Change(const Key& key, std::optional<std::string> record) EXCLUDES(tablesMutex_);
+    int Commit(const Table& table) REQUIRES(commitMutex_);
+    int CommitSome(Table::const_iterator* at, Table::const_iterator end) REQUIRES(commitMutex_);
+    bool Grow() REQUIRES(commitMutex_);
+    void Outcome(int error) REQUIRES(commitMutex_);
+    // It changes under both locks only, so the holder of either may read it.
+    const Table& BeingWritten() const REQUIRES(commitMutex_) NO_THREAD_SAFETY_ANALYSIS {
+        return beingWritten_;
+    }
 
     const std::string directory_;
     const Limits limits_;
@@ -98,20 +102,19 @@ class InodeStore {
     unsigned database_ = 0;
 
     std::atomic<size_t> unwrittenCount_{0};
-    std::mutex tablesMutex_;
-    // Guarded by tablesMutex_, looked through in this order:
-    Table unwritten_;
-    Table beingWritten_;  // not empty only while a thread has commitMutex_
+    XoCriticalSection tablesMutex_;
+    // Looked through in this order:
+    Table unwritten_ GUARDED_BY(tablesMutex_);
+    Table beingWritten_ GUARDED_BY(tablesMutex_);  // empty unless a thread has commitMutex_
 
-    std::mutex commitMutex_;  // taken before tablesMutex_
-    // Guarded by commitMutex_:
-    int64_t retryAtMs_ = 0;
-    bool failed_ = false;
-    bool settled_ = false;
+    XoCriticalSection commitMutex_ ACQUIRED_BEFORE(tablesMutex_);
+    int64_t retryAtMs_ GUARDED_BY(commitMutex_) = 0;
+    bool failed_ GUARDED_BY(commitMutex_) = false;
+    bool settled_ GUARDED_BY(commitMutex_) = false;
 
-    std::shared_mutex mapMutex_;  // held by every transaction, alone by Grow
-    std::mutex readersMutex_;
-    std::vector<MDB_txn*> readers_;  // guarded by readersMutex_: reset, to be renewed
+    SharedSection mapSection_;  // held by every transaction, alone by Grow
+    XoCriticalSection readersMutex_;
+    std::vector<MDB_txn*> readers_ GUARDED_BY(readersMutex_);  // reset, to be renewed
 };
 
 }  // namespace oxel::local

@@ -132,7 +132,7 @@ bool Locate(ShareRoot& share, int fd, const struct stat& st, std::string_view bo
 
     const std::string key(body);
     if (KnownMissing(share, key, ChangeTime(st))) return false;
-    std::lock_guard<std::mutex> lock(share.SearchMutex());
+    XoCriticalSectionGuard lock(share.SearchMutex());
     if (FromHint(share, st, location)) return true;  // another thread's search passed it
     const auto isIt = [&](int found) {
         struct stat other;
@@ -180,7 +180,7 @@ bool LocateInode(ShareRoot& share, std::string_view body, Location* location) {
     bool found = lead == Lead::kThere;
     const std::string key(body);
     if (lead == Lead::kNowhere && !KnownMissing(share, key, 0)) {
-        std::lock_guard<std::mutex> lock(share.SearchMutex());
+        XoCriticalSectionGuard lock(share.SearchMutex());
         const auto isIt = [&](int fd) {
             struct stat st;
             InodeIdentity identity;

@@ -43,7 +43,7 @@ size_t ObjectCache::PlaceHash(uint64_t share, uint64_t inode) {
 
 boost::shared_ptr<LocalObject> ObjectCache::FindInode(uint64_t share, uint64_t inode) {
     const size_t hash = PlaceHash(share, inode);
-    std::lock_guard<std::mutex> lock(placeMutexes_[hash % kShards]);
+    XoCriticalSectionGuard lock(placeMutexes_[hash % kShards]);
     const Place& place = places_[hash & placesMask_];
     if (place.inode != inode || place.share != share) return nullptr;
     return place.object.lock();
@@ -62,7 +62,7 @@ void ObjectCache::Put(const boost::shared_ptr<LocalObject>& object) {
     const uint64_t inode = object->Node().Inode();
     const size_t hash = PlaceHash(key.share, inode);
     boost::weak_ptr<LocalObject> before(object);  // dies after the lock
-    std::lock_guard<std::mutex> lock(placeMutexes_[hash % kShards]);
+    XoCriticalSectionGuard lock(placeMutexes_[hash % kShards]);
     Place& place = places_[hash & placesMask_];
     place.share = key.share;
     place.inode = inode;

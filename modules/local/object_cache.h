@@ -7,9 +7,9 @@
 #include <boost/weak_ptr.hpp>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 #include "backend/LruCache.h"
+#include "base/sync.h"
 #include "modules/local/handle_codec.h"
 
 namespace oxel::local {
@@ -64,7 +64,7 @@ class ObjectCache {
     static size_t PlaceHash(uint64_t share, uint64_t inode);
     const size_t placesMask_;
     std::unique_ptr<Place[]> places_;  // each guarded by one of placeMutexes_
-    std::mutex placeMutexes_[kShards];
+    XoCriticalSection placeMutexes_[kShards];
 };
 
 }  // namespace oxel::local

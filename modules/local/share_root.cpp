@@ -41,9 +41,9 @@ bool IsLayered(int fd) {
 // Every ShareRoot that is alive, by share id, module type and directory inode.
 struct Registry {
     using Key = std::tuple<uint32_t, FSModuleType, dev_t, uint64_t, std::string>;
-    std::mutex mutex;
-    std::map<Key, std::weak_ptr<ShareRoot>> roots;
-    uint64_t serials = 0;
+    XoCriticalSection mutex;
+    std::map<Key, std::weak_ptr<ShareRoot>> roots GUARDED_BY(mutex);
+    uint64_t serials GUARDED_BY(mutex) = 0;
 };
 Registry& registry() {
     static Registry* instance = new Registry;  // outlives every thread
@@ -79,11 +79,14 @@ std::shared_ptr<ShareRoot> ShareRoot::Open(FSModuleType type, uint32_t shareId,
         return nullptr;
     }
     if (root->prefix_ == "/") root->prefix_.clear();
-    root->current_ = root->prefix_;
+    {
+        XoCriticalSectionGuard lock(root->currentMutex_);
+        root->current_ = root->prefix_;
+    }
     root->device_ = st.st_dev;
     root->inode_ = st.st_ino;
 
-    std::lock_guard<std::mutex> lock(registry().mutex);
+    XoCriticalSectionGuard lock(registry().mutex);
     auto& roots = registry().roots;
     std::erase_if(roots, [](const auto& entry) { return entry.second.expired(); });
     auto& known = roots[{shareId, type, st.st_dev, st.st_ino, root->prefix_}];
@@ -110,7 +113,7 @@ bool ShareRoot::KernelHandlesWork() {
 }
 
 bool ShareRoot::RelativePath(const std::string& path, std::string* relative) {
-    std::lock_guard<std::mutex> lock(currentMutex_);
+    XoCriticalSectionGuard lock(currentMutex_);
     if (StartsBelow(path, current_, relative)) return true;
     std::string now;
     if (!PathOfFd(Fd(), &now)) return false;

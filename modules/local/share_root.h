@@ -9,11 +9,11 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
 #include "backend/types.h"
+#include "base/sync.h"
 #include "base/unique_fd.h"
 #include "modules/local/handle_codec.h"
 #include "modules/local/inode_map.h"
@@ -61,7 +61,7 @@ class ShareRoot {
 
     InodeMap& Places() { return *places_; }
     // Held by the one search of the tree that is under way.
-    std::mutex& SearchMutex() { return searchMutex_; }
+    XoCriticalSection& SearchMutex() RETURN_CAPABILITY(searchMutex_) { return searchMutex_; }
     // Objects that a search did not find, by body, so that a client cannot start one search after
     // another with the same handle.
     struct Missing {
@@ -93,10 +93,10 @@ class ShareRoot {
     std::unique_ptr<InodeMap> places_;
 
     LruCache<std::string, Missing> notFound_{1024};
-    std::mutex searchMutex_;
+    XoCriticalSection searchMutex_;
     std::atomic<int> exports_{0};
-    std::mutex currentMutex_;
-    std::string current_;  // guarded by currentMutex_: where the root lies now, as Prefix
+    XoCriticalSection currentMutex_;
+    std::string current_ GUARDED_BY(currentMutex_);  // where the root lies now, as Prefix
 };
 
 }  // namespace oxel::local

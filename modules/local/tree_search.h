@@ -18,9 +18,8 @@ namespace oxel::local {
 // objects need no search of their own; for the same reason a search goes on to the end where
 // handles resolve through nothing but places: stopping at the object would halve the first search
 // and make the sum of those that follow, each from the start, quadratic. False with errno: ENOENT
-// when the whole share was searched, another one when something kept the search from it. The caller
-// holds the share's search mutex.
+// when the whole share was searched, another one when something kept the search from it.
 bool SearchTree(ShareRoot& share, uint64_t inode, const std::function<bool(int fd)>& isIt,
-                std::string* relative, UniqueFd* fd);
+                std::string* relative, UniqueFd* fd) REQUIRES(share.SearchMutex());
 
 }  // namespace oxel::local

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 #include <utility>
 
 #include "base/log.h"
@@ -63,7 +62,7 @@ struct DelayedWrites::File {
     const Key key;
     // Held by the one sync of this file that is under way, so that nobody is told "on the disk"
     // between another one's learning of an error and its being noted here. Taken before section_.
-    std::mutex syncing;
+    XoCriticalSection syncing;
     // Guarded by DelayedWrites::section_:
     std::vector<Writer> writers;
     std::shared_ptr<UniqueFd> open;  // while there is uncommitted data
@@ -159,7 +158,7 @@ int DelayedWrites::SettleForAll(const FileNode& node, const std::function<int()>
 }
 
 int DelayedWrites::SyncOne(File& file, const Client* client, const std::function<int()>& sync) {
-    std::lock_guard<std::mutex> one(file.syncing);
+    XoCriticalSectionGuard one(file.syncing);
     int error = sync();
     std::shared_ptr<UniqueFd> open;
     {

@@ -78,9 +78,10 @@ class DelayedWrites {
 
     DelayedWrites();
     static Key KeyOf(const FileNode& node);
-    std::shared_ptr<File> Find(const Key& key) const;
-    int SyncOne(File& file, const Client* client, const std::function<int()>& sync);
-    int Conclude(File& file, const Client* client, int error);
+    std::shared_ptr<File> Find(const Key& key) const EXCLUDES(section_);
+    int SyncOne(File& file, const Client* client, const std::function<int()>& sync)
+        EXCLUDES(section_);
+    int Conclude(File& file, const Client* client, int error) EXCLUDES(section_);
     bool MakeRoom(int64_t nowMs) REQUIRES(section_);
 
     mutable XoCriticalSection section_;
