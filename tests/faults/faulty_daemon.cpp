@@ -114,15 +114,12 @@ size_t FaultTest::DescriptorsAtRest() {
 void FaultTest::ExpectNoRecordLost() {
     // A record goes back after its reply.
     std::string said;
-    EXPECT_TRUE(WaitUntil(
-        [&] {
-            EXPECT_EQ(daemon_.Control({"--json", "status"}, &said), 0);
-            const auto status = nlohmann::json::parse(said, nullptr, false);
-            return !status.is_discarded() && status["records"]["total"] > 0 &&
-                   status["records"]["inUse"] == 0;
-        },
-        10000))
-        << said;
+    EXPECT_TRUE(WaitUntil([&] {
+        EXPECT_EQ(daemon_.Control({"--json", "status"}, &said), 0);
+        const auto status = nlohmann::json::parse(said, nullptr, false);
+        return !status.is_discarded() && status["records"]["total"] > 0 &&
+               status["records"]["inUse"] == 0;
+    })) << said;
 }
 
 }  // namespace oxel::test

@@ -26,7 +26,7 @@ void SweepTest::TearDown() {
     VerifyAnchor();
     ExpectNoRecordLost();
     size_t now = 0;
-    EXPECT_TRUE(WaitUntil([&] { return (now = DescriptorsAtRest()) <= descriptors_; }, 20000))
+    EXPECT_TRUE(WaitUntil([&] { return (now = DescriptorsAtRest()) <= descriptors_; }))
         << now << " descriptors, " << descriptors_ << " before";
     totals_.Print(testing::UnitTest::GetInstance()->current_test_info()->name());
 }
