@@ -35,7 +35,8 @@ class BkEndProc {
     // `flags`: 0 read, 1 write, 2 read-write. A descriptor for Read, Write, SyncFs and Close.
     virtual int Open(OxelCtxt* ctxt, const std::string& path, int flags, int mode) = 0;
     virtual int Truncate(OxelCtxt* ctxt, const std::string& path, uint64_t size) = 0;
-    // Bytes read, 0 at the end of the file, negative on failure.
+    // Bytes read, negative on failure. Fewer than `count` only where the file ends: a client is
+    // told that this was its end, and takes what it knows to follow for zeros.
     virtual ssize_t Read(OxelCtxt* ctxt, int fd, void* buffer, uint64_t offset, uint32_t count) = 0;
     // Bytes written, at least 1, or -1. The data is as stable as asked before this returns.
     virtual ssize_t Write(OxelCtxt* ctxt, int fd, const void* data, uint64_t offset, uint32_t count,

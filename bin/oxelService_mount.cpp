@@ -6,6 +6,7 @@
 #include <ctime>
 #include <new>
 
+#include "backend/OxelServiceGlobals.h"
 #include "base/log.h"
 #include "base/perf_counter.h"
 #include "bin/oxelService.h"
@@ -39,9 +40,13 @@ static bool IsServedByVersion(uint32_t version, uint32_t procedure) {
 
 static void Answer(CallInfo3& call, SVCXPRT* transport) {
     bool_t reply;
-    {
+    try {
         PerfCounterWrapper timer("OXEL", kPerfHandle);
         reply = call.row->handler(&call);
+    } catch (...) {
+        // By default such a call goes without a reply, and its client asks again in a while.
+        if (gHardened) svcerr_systemerr(transport);
+        throw;
     }
     if (!reply) return;
     if (svc_sendreply(transport, call.row->xdrResult, &call.result))
@@ -109,6 +114,9 @@ static void Mount3Dispatcher(svc_req* request, SVCXPRT* transport) {
         Dispatch(request, transport);
     } catch (const std::bad_alloc&) {
         OXEL_LOG(-1, "Error: [new] failed.");
+    } catch (...) {
+        // Above here is the RPC library, which no exception gets through.
+        OXEL_LOG(-1, "Error: unknown exception caught.");
     }
 }
 

@@ -102,11 +102,19 @@ bool_t Handle_CREATE3(CallInfo3* call) {
             OXEL_LOG(-1, "Error: Invalid flags. [%x].", how.mode);
             break;
     }
+    errno = ENOENT;  // for a back end that gives no reason
     BkEndProcPtr child = parent->FindChild(&parentCtxt, name);
     if (!child) {
+        // A name that could not be looked for may well exist: a file that must not be there would
+        // be emptied, and given to the caller.
+        int err = errno;
+        if (!mayExist && err != ENOENT && err != 0) {
+            OXEL_LOG(-1, "Error: Create failed. Error [%s]", strerror(err));
+            return FillCreateFailRes(result, SysErrToNFSErr(err, true));
+        }
         child = parent->CreateChild(&parentCtxt, name, flags, CreationMode(how));
         if (!child) {
-            const int err = errno;
+            err = errno;
             OXEL_LOG(-1, "Error: Create failed. Error [%s]", strerror(err));
             return FillCreateFailRes(result, SysErrToNFSErr(err, true));
         }

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The system calls that bring data to the disk. They stand behind one pointer so that a disk that
-// fails, and data that was told to be stable but is not, can be tried out.
+// The system calls that bring data to the disk and from it. They stand behind one pointer so that a
+// disk that fails, and data that was told to be stable but is not, can be tried out.
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstddef>
@@ -20,6 +21,7 @@ struct DiskCalls {
     // -1 with errno when writing the file's data back has failed since this was last asked through
     // this open file; waits for writes that are under way, starts none.
     int (*takeError)(int fd);
+    ssize_t (*read)(int fd, void* buffer, size_t count, off_t offset) = ::pread;
 };
 
 extern const DiskCalls kRealDisk;

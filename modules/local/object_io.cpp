@@ -9,6 +9,7 @@
 
 #include "backend/FdCache.h"
 #include "modules/local/call_state.h"
+#include "modules/local/disk_calls.h"
 #include "modules/local/metadata_sync.h"
 #include "modules/local/object.h"
 #include "modules/local/syscalls.h"
@@ -77,11 +78,20 @@ bool LocalObject::MayOverride(const CallerRights& rights, int access) {
 ssize_t LocalObject::Read(OxelCtxt*, int fd, void* buffer, uint64_t offset, uint32_t count) {
     // No file reaches there; the system call would refuse the number.
     if (offset > static_cast<uint64_t>(LLONG_MAX) - count) return 0;
-    ssize_t bytes;
-    do {
-        bytes = pread(fd, buffer, count, static_cast<off_t>(offset));
-    } while (bytes < 0 && errno == EINTR);
-    return bytes;
+    // Until the file ends: the system call also comes short before a block that cannot be read, and
+    // whoever is told of fewer bytes than asked for takes them for the last ones. So what was read
+    // before an error is not told.
+    size_t got = 0;
+    while (got < count) {
+        const ssize_t bytes = gDisk.load()->read(fd, static_cast<char*>(buffer) + got, count - got,
+                                                 static_cast<off_t>(offset + got));
+        if (bytes == 0) break;
+        if (bytes > 0)
+            got += static_cast<size_t>(bytes);
+        else if (errno != EINTR)
+            return -1;
+    }
+    return static_cast<ssize_t>(got);
 }
 
 int LocalObject::Close(OxelCtxt*, int fd) {

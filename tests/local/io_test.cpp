@@ -6,11 +6,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 
 #include "backend/FdCache.h"
 #include "base/unique_fd.h"
+#include "modules/local/disk_calls.h"
 #include "modules/local/object_cache.h"
 #include "tests/local/fixture.h"
 
@@ -46,6 +48,45 @@ TEST_F(Io, ReadsFromTheOffset) {
     EXPECT_EQ(object->Read(&ctxt, fd, text, ULLONG_MAX, 10), 0);
     EXPECT_EQ(object->Read(&ctxt, fd, text, 0, 0), 0);
     EXPECT_EQ(object->Close(&ctxt, fd), 0);
+}
+
+// A disk that reads at most three bytes at once, and none from the offset `badFrom` on.
+off_t badFrom = LLONG_MAX;
+int interrupts = 0;
+const local::DiskCalls* SlowDisk() {
+    static const local::DiskCalls disk = [] {
+        local::DiskCalls calls = local::kRealDisk;
+        calls.read = [](int fd, void* buffer, size_t count, off_t offset) -> ssize_t {
+            if (interrupts > 0 || offset >= badFrom) {
+                errno = interrupts-- > 0 ? EINTR : EIO;
+                return -1;
+            }
+            return pread(fd, buffer, std::min<size_t>(count, 3), offset);
+        };
+        return calls;
+    }();
+    return &disk;
+}
+
+// It used to be told as it came, and the client was told that the file ended there.
+TEST_F(Io, AReadThatComesShortIsGoneOnWithToTheEndOfTheFile) {
+    const BkEndProcPtr object = Find("f");
+    OxelCtxt ctxt = AsSelf(object);
+    const int fd = object->Open(&ctxt, InShare("f"), 0, 0);
+    local::gDisk = SlowDisk();
+    char text[32];
+    interrupts = 2;
+    EXPECT_EQ(object->Read(&ctxt, fd, text, 1, 8), 8);
+    EXPECT_EQ(std::string(text, 8), "12345678");
+    EXPECT_EQ(object->Read(&ctxt, fd, text, 1, 20), 9);
+    EXPECT_EQ(std::string(text, 9), "123456789");
+    badFrom = 7;
+    EXPECT_EQ(object->Read(&ctxt, fd, text, 0, 6), 6);
+    EXPECT_EQ(object->Read(&ctxt, fd, text, 1, 8), -1);
+    EXPECT_EQ(errno, EIO);
+    badFrom = LLONG_MAX;
+    local::gDisk = &local::kRealDisk;
+    object->Close(&ctxt, fd);
 }
 
 TEST_F(Io, OnlyRegularFilesAreOpened) {

@@ -147,6 +147,29 @@ TEST_F(Create, GuardedOfAnExistingNameIsExistWithoutWccData) {
     IsExist(Run(GUARDED));
 }
 
+// GUARDED used to open the file that it could not find, empty it and give it to the caller.
+TEST_F(Create, NameThatCouldNotBeLookedForIsNotTakenForNew) {
+    for (const createmode3 mode : {GUARDED, EXCLUSIVE}) {
+        log_.Clear();
+        call_.ClearCall();
+        EXPECT_CALL(*object_, FindChild).WillOnce(FailWith(EIO, BkEndProcPtr()));
+        EXPECT_CALL(*object_, CreateChild).Times(0);
+        const CREATE3res& result = Run(mode);
+        EXPECT_EQ(NFS3ERR_IO, result.status);
+        CarriesNothing(result.resfail.dir_wcc);
+        EXPECT_THAT(Errors(),
+                    ElementsAre(LogLine{-1, kFunction,
+                                        "Error: Create failed. Error [Input/output error]"}));
+        testing::Mock::VerifyAndClearExpectations(object_.get());
+    }
+}
+
+TEST_F(Create, UncheckedLeavesItToTheCreationToFindTheName) {
+    EXPECT_CALL(*object_, FindChild).WillOnce(FailWith(EIO, BkEndProcPtr()));
+    EXPECT_CALL(*object_, CreateChild).WillOnce(Return(child_));
+    IsTheChild(Run(UNCHECKED));
+}
+
 TEST_F(Create, RepeatedExclusiveWithTheSameVerifierIsExist) {
     Args(EXCLUSIVE).how.verf = {0xaaaa, 0xbbbb};
     IsTheChild(Run());

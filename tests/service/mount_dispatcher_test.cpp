@@ -216,6 +216,28 @@ TEST_F(MountDispatch, WithoutMemoryThereIsNoReplyAndTheServiceGoesOn) {
     EXPECT_EQ(Ask(Mount(3, 0)).accept, uint32_t{SUCCESS});
 }
 
+// It used to go through the RPC library and end the process.
+TEST_F(MountDispatch, AnythingElseThatIsThrownEndsTheCallAlone) {
+    EXPECT_CALL(*share_, AddMountPoint).WillOnce([](auto&&...) -> int { throw 42; });
+    LogCapture log;
+    connection_.client.Send(Mount(3, 1, Opaque("/share")));
+    connection_.Serve();
+    EXPECT_TRUE(log.Has(-1, "Error: unknown exception caught.")) << log.Dump();
+    EXPECT_TRUE(connection_.client.Silent());
+    EXPECT_EQ(Ask(Mount(3, 0)).accept, uint32_t{SUCCESS});
+}
+
+TEST_F(MountDispatch, HardenedACallThatThrowsIsASystemError) {
+    EXPECT_CALL(*share_, AddMountPoint)
+        .WillOnce([](auto&&...) -> int { throw std::bad_alloc(); })
+        .WillOnce([](auto&&...) -> int { throw 42; });
+    gHardened = true;
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(Ask(Mount(3, 1, Opaque("/share"))).accept, uint32_t{SYSTEM_ERR});
+    gHardened = false;
+    EXPECT_EQ(Ask(Mount(3, 0)).accept, uint32_t{SUCCESS});
+}
+
 TEST_F(MountDispatch, OneRecordOfItsOwnServesEveryCall) {
     ASSERT_EQ(gCallInfoPool.Total(), 0u) << "there is no pool to take one from";
     for (int i = 0; i < 50; ++i) EXPECT_EQ(Ask(Mount(3, 0)).accept, uint32_t{SUCCESS});

@@ -217,7 +217,7 @@ std::string NfsClient::Read(const std::string& handle, uint64_t offset, uint32_t
     return data;
 }
 
-static DirectoryPage ReadPage(const std::string& results, bool plus) {
+DirectoryPage ReadPage(const std::string& results, bool plus) {
     DirectoryPage page;
     XdrReader reader(results);
     page.status = reader.U32();

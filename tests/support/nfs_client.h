@@ -52,6 +52,9 @@ struct DirectoryPage {
     bool eof = false;
 };
 
+// The results of READDIR, or of READDIRPLUS.
+DirectoryPage ReadPage(const std::string& results, bool plus);
+
 // sattr3 with what tests set; the rest is "don't change".
 struct SetAttributes {
     int64_t mode = -1, uid = -1, gid = -1, size = -1;
