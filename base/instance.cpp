@@ -123,8 +123,11 @@ uint32_t NewStartTime() {
     CheckIns& checkIns = TheCheckIns();
     XoCriticalSectionGuard lock(checkIns.mutex);
     time_t start = time(nullptr);
-    if (!checkIns.held.empty() && checkIns.lastStart < UINT32_MAX)
-        start = std::max(start, checkIns.lastStart + 1);
+    const bool known = !checkIns.held.empty() && checkIns.lastStart < UINT32_MAX;
+    // A clock that does not fit the number must not be where the count goes on from: set right
+    // again, it would give the numbers of the lives before.
+    if (start < 0 || start > UINT32_MAX) start = known ? 0 : static_cast<uint32_t>(start);
+    if (known) start = std::max(start, checkIns.lastStart + 1);
     checkIns.lastStart = start;
     for (const auto& [path, fd] : checkIns.held) Stamp(fd, start);
     return static_cast<uint32_t>(start);
@@ -150,11 +153,13 @@ int uxsvc_checkin(const char* service) {
     struct stat before;
     if (fstat(fd.Get(), &before) != 0) return CheckInFailed(path);
     const std::string pid = std::to_string(getpid()) + "\n";
-    if (ftruncate(fd.Get(), 0) != 0 ||
-        pwrite(fd.Get(), pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size()))
+    // In this order: on a full disk the room that the file has is not given away in between.
+    if (pwrite(fd.Get(), pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size()) ||
+        ftruncate(fd.Get(), static_cast<off_t>(pid.size())) != 0)
         return CheckInFailed(path);
     if (before.st_size != 0) {
-        checkIns.lastStart = std::max(checkIns.lastStart, before.st_mtime);
+        if (before.st_mtime <= UINT32_MAX)
+            checkIns.lastStart = std::max(checkIns.lastStart, before.st_mtime);
         Stamp(fd.Get(), before.st_mtime);
     }
     checkIns.held[path] = fd.Release();  // the lock lasts as long as the process

@@ -3,8 +3,6 @@
 // The daemon's answers on the control socket: what it is doing, and the few things it can be asked.
 #include <unistd.h>
 
-#include <ctime>
-
 #include "base/log.h"
 #include "base/perf_counter.h"
 #include "base/thread.h"
@@ -36,13 +34,14 @@ static const char* StateText(OxelServiceStatus state) {
 }
 
 static ControlReply Status(const json&) {
-    static const time_t processStart = time(nullptr);
+    // Not by the wall clock, which somebody may set.
+    static const int64_t processStart = CoarseSeconds();
     const OxelServiceStatus state = OxelServiceGlobals::oxelStatus;
     const size_t total = gCallInfoPool.Total(), free = gCallInfoPool.Free();
     ControlReply reply;
     reply.body = {{"pid", getpid()},
                   {"version", kOxelVersion},
-                  {"uptimeSeconds", time(nullptr) - processStart},
+                  {"uptimeSeconds", CoarseSeconds() - processStart},
                   {"state", static_cast<int>(state)},
                   {"stateText", StateText(state)},
                   {"nfsPort", OxelServiceGlobals::nfsPort.load()},

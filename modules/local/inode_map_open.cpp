@@ -69,6 +69,15 @@ std::string WhyTorn(const std::string& directory) {
     return "they were in use when the machine went down";
 }
 
+// LMDB's table of readers is a file that it maps and writes to. Left with holes, as LMDB makes it,
+// it would end the process with SIGBUS as soon as a reader more than ever before comes while the
+// disk is full. 0, or an errno.
+int ReserveReaderTable(const std::string& directory) {
+    constexpr off_t kBytesPerReader = 64, kHeaderBytes = 4096;
+    const UniqueFd fd(open((directory + "/lock.mdb").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    return fd ? posix_fallocate(fd.Get(), 0, kReadersMax * kBytesPerReader + kHeaderBytes) : errno;
+}
+
 // Whether a fresh store in place of this one would fare better.
 bool IsTheStoresFault(int error) {
     return error < 0 || error == EINVAL || error == EACCES || error == EPERM || error == EIO;
@@ -135,7 +144,8 @@ bool InodeStore::OpenOrSetAside(std::string* reason) {
 int InodeStore::OpenEnvironment(std::string* reason) {
     MDB_txn* transaction = nullptr;
     MDB_val key{sizeof formKey - 1, formKey}, value{sizeof formValue - 1, formValue}, found;
-    int error = mdb_env_create(&environment_);
+    int error = ReserveReaderTable(directory_);
+    if (error == 0) error = mdb_env_create(&environment_);
     if (error == 0) error = mdb_env_set_maxreaders(environment_, kReadersMax);
     if (error == 0) error = mdb_env_set_mapsize(environment_, limits_.bytes);  // or as it has
     if (error == 0) {

@@ -139,6 +139,18 @@ TEST(StartTime, AClockThatWasSetBackGivesNoNumberAgain) {
     EXPECT_EQ(NextStart(), ahead + 2);
 }
 
+// The last start was noted with a clock that the number has no room for.
+TEST(StartTime, AClockBeyondTheNumberIsNotCountedOnFrom) {
+    const PrivateRoot root;
+    const long begin = static_cast<long>(time(nullptr));
+    NextStart();
+    const timespec times[2] = {{int64_t{1} << 33, 0}, {int64_t{1} << 33, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, root.Paths().instanceLock.c_str(), times, 0), 0);
+    const long last = NextStart();
+    EXPECT_GE(last, begin);
+    EXPECT_GT(NextStart(), last);
+}
+
 TEST(CheckIn, LockFileThatCannotBeMadeIsSaidOnStandardError) {
     const PrivateRoot root;
     WriteFile(root.Path() + "/run", "in the way");

@@ -243,6 +243,15 @@ TEST_F(InodeStoreTest, AFullDiskIsSaidOnceAndRecordsStayInMemory) {
     EXPECT_EQ(Warnings(log, ""), 0u) << log.Dump();
 }
 
+// It is written to through a mapping, where a block that the full disk has not got ends the
+// process.
+TEST_F(InodeStoreTest, TheTableOfReadersNeedsNoMoreRoomLater) {
+    Open();
+    const struct stat st = StatOf(directory_ + "/lock.mdb");
+    EXPECT_GT(st.st_size, 0);
+    EXPECT_GE(st.st_blocks * 512, st.st_size);
+}
+
 TEST_F(InodeStoreTest, WithoutADirectoryRecordsAreInMemory) {
     test::LogCapture log;
     directory_ = parent_ + "/missing/inodes";

@@ -15,6 +15,7 @@
 #include <map>
 
 #include "tests/support/nfs_client.h"
+#include "tests/support/private_mounts.h"
 #include "tests/support/private_tree.h"
 
 namespace oxel::test {
@@ -23,41 +24,10 @@ namespace {
 constexpr uid_t kNobody = 65534;
 constexpr uint32_t kStale = 70;
 
-bool WriteProc(const char* file, const std::string& text) {
-    const int fd = open(file, O_WRONLY | O_CLOEXEC);
-    const bool done = fd >= 0 && write(fd, text.data(), text.size()) == ssize_t(text.size());
-    if (fd >= 0) close(fd);
-    return done;
-}
-
-// A mount namespace of the test's own, once; the reason when that is forbidden here. Who is not
-// root is himself in a user namespace, so that the daemon is an ordinary user there too.
-std::string EnterNamespaces() {
-    static const std::string outcome = [] {
-        auto failed = [](const char* step) { return std::string(step) + ": " + strerror(errno); };
-        const uid_t uid = geteuid();
-        const gid_t gid = getegid();
-        if (unshare(CLONE_NEWNS | (uid == 0 ? 0 : CLONE_NEWUSER)) != 0) return failed("unshare");
-        if (uid != 0) {
-            auto map = [](unsigned id) {
-                return std::to_string(id) + " " + std::to_string(id) + " 1";
-            };
-            if (!WriteProc("/proc/self/setgroups", "deny") ||
-                !WriteProc("/proc/self/uid_map", map(uid)) ||
-                !WriteProc("/proc/self/gid_map", map(gid)))
-                return failed("mapping the user");
-        }
-        if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-            return failed("making mounts private");
-        return std::string();
-    }();
-    return outcome;
-}
-
 class Overlay : public testing::Test {
   protected:
     void SetUp() override {
-        std::string reason = EnterNamespaces();
+        std::string reason = EnterPrivateMounts();
         if (reason.empty()) reason = MountOverlay();
         if (!reason.empty())
             GTEST_SKIP() << "overlay file systems in namespaces are not allowed here: " << reason;
