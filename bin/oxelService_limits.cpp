@@ -5,11 +5,12 @@
 
 #include <algorithm>
 #include <atomic>
-#include <ctime>
 #include <mutex>
 
 #include "backend/OxelServiceGlobals.h"
 #include "base/log.h"
+#include "base/log_clients.h"
+#include "base/repeat_limit.h"
 #include "base/store.h"
 
 ClientLimits ClientLimits::FromSettings() {
@@ -43,16 +44,11 @@ ClientLimits ClientLimits::FromSettings() {
 
 namespace {
 
-constexpr unsigned kLinesAMinute = 10;
-constexpr int64_t kMinute = 60;
-
 struct Account {
     const char* name;
     std::atomic<uint64_t> count{0};
-    // Guarded by gMutex.
-    unsigned lines = 0;
-    uint64_t unsaid = 0;
-    std::string text;
+    oxel::RepeatLimit limit;
+    std::string text;  // of the last one; guarded by gMutex
 };
 
 // In the order of EndReason.
@@ -62,48 +58,35 @@ Account gAccounts[kEndReasons] = {
 };
 
 std::mutex gMutex;
-int64_t gMinuteBegan = 0;  // guarded by gMutex
 
 }  // namespace
 
-int64_t CoarseSeconds() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return now.tv_sec;
-}
-
-static void SumUp() {
-    const int64_t now = CoarseSeconds();
-    if (now - gMinuteBegan < kMinute) return;
-    gMinuteBegan = now;
-    for (Account& account : gAccounts) {
-        if (account.unsaid != 0)
-            OXEL_LOG(-1, "%llu more connections were ended because %s.",
-                     static_cast<unsigned long long>(account.unsaid), account.text.c_str());
-        account.lines = 0;
-        account.unsaid = 0;
-    }
+static void SayUntold(const Account& account, uint64_t untold) {
+    if (untold != 0)
+        OXEL_LOG(-1, "%llu more connections were ended because %s.",
+                 static_cast<unsigned long long>(untold), account.text.c_str());
 }
 
 void CountEnd(EndReason reason, const std::string& address, const std::string& text) {
-    std::lock_guard<std::mutex> lock(gMutex);
-    SumUp();
     Account& account = gAccounts[static_cast<unsigned>(reason)];
     account.count.fetch_add(1, std::memory_order_relaxed);
     if (reason == EndReason::kByClient) {
         OXEL_LOG(3, "The client at [%s] has ended its connection.", address.c_str());
-    } else if (account.lines < kLinesAMinute) {
-        ++account.lines;
-        OXEL_LOG(-1, "Ended the connection of [%s]: %s.", address.c_str(), text.c_str());
-    } else {
-        ++account.unsaid;
-        account.text = text;
+        return;
     }
+    std::lock_guard<std::mutex> lock(gMutex);
+    const oxel::RepeatLimit::Verdict verdict = account.limit.Count(oxel::CoarseSeconds());
+    SayUntold(account, verdict.untold);
+    account.text = text;
+    if (verdict.tell)
+        OXEL_LOG(-1, "Ended the connection of [%s]: %s.", address.c_str(), text.c_str());
 }
 
-void SumEndsUp() {
+void SumUpForClients(bool atOnce) {
+    oxel::ClientsLog::SumUp(atOnce);
     std::lock_guard<std::mutex> lock(gMutex);
-    SumUp();
+    for (Account& account : gAccounts)
+        SayUntold(account, account.limit.TakeUntold(oxel::CoarseSeconds(), atOnce));
 }
 
 std::array<std::pair<const char*, uint64_t>, kEndReasons> EndCounts() {
