@@ -3,11 +3,13 @@
 SHELL := /bin/bash
 .SHELLFLAGS := -eu -o pipefail -c
 .DEFAULT_GOAL := help
-.PHONY: help deps build run test asan tsan check integrity bench bench-scale format clean
+.PHONY: help deps build run test asan tsan check integrity fuzz bench bench-scale format clean
 
 DIR ?=
 PORT ?=
 SECONDS ?= 600
+FUZZ_SECONDS = $(if $(filter file,$(origin SECONDS)),1200,$(SECONDS))
+TARGETS ?=
 
 help: ## List the targets
 	@awk -F':.*## ' '/^[a-z-]+:.*## / {printf "  make %-11s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
@@ -36,6 +38,10 @@ check: ## Static checks: clang's thread-safety analysis, clang-tidy, cppcheck, s
 
 integrity: deps ## Data integrity for long, with all three builds: make integrity SECONDS=600
 	@scripts/integrity.sh "$(SECONDS)"
+
+fuzz: deps ## Fuzz for long, or one of the targets: make fuzz SECONDS=1200 TARGETS="calls control"
+	@scripts/install-packages.sh fuzz
+	@scripts/fuzz.sh "$(FUZZ_SECONDS)" $(TARGETS)
 
 bench: deps ## Measure beside nfs-ganesha and write docs/benchmarks.md: 15 minutes
 	@scripts/bench.sh

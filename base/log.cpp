@@ -16,6 +16,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "base/log_clients.h"
+#include "base/log_text.h"
 #include "base/own_rights.h"
 #include "base/thread.h"
 #include "base/unique_fd.h"
@@ -29,118 +31,8 @@ namespace {
 // Events of before the log is opened wait for it; more than this is dropped.
 constexpr size_t kPendingBytesMax = 16384;
 
-// Which control characters pass unescaped: bit c for c below 0x20, bit 32 for 0x7f.
-uint64_t ControlMask(const char* text) {
-    uint64_t mask = 0;
-    for (; *text != '\0'; ++text) {
-        const auto c = static_cast<unsigned char>(*text);
-        if (c < 0x20) mask |= uint64_t{1} << c;
-        if (c == 0x7f) mask |= uint64_t{1} << 32;
-    }
-    return mask;
-}
-
-bool MustEscape(unsigned char c, uint64_t keep) {
-    if (c >= 0x20 && c != 0x7f) return false;
-    return (keep >> (c == 0x7f ? 32 : c) & 1) == 0;
-}
-
-void PutEscape(unsigned char c, char* out) {
-    static const char kDigits[] = "0123456789abcdef";
-    out[0] = '\\';
-    out[1] = 'x';
-    out[2] = kDigits[c >> 4];
-    out[3] = kDigits[c & 15];
-}
-
-// Text that grows on the stack first and on the heap when it must; cut when memory is short.
-class TextBuffer {
-  public:
-    TextBuffer() = default;
-    ~TextBuffer() {
-        if (data_ != stack_) free(data_);
-    }
-    TextBuffer(const TextBuffer&) = delete;
-    TextBuffer& operator=(const TextBuffer&) = delete;
-
-    const char* Data() const { return data_; }
-    size_t Size() const { return size_; }
-
-    void Append(const char* text, size_t bytes) {
-        bytes = std::min(bytes, Room(bytes));
-        memcpy(data_ + size_, text, bytes);
-        size_ += bytes;
-    }
-    void Append(const char* text) { Append(text, strlen(text)); }
-
-    void AppendEscaped(const char* text, size_t bytes, uint64_t keep) {
-        size_t begin = 0;
-        for (size_t i = 0; i < bytes; ++i) {
-            const auto c = static_cast<unsigned char>(text[i]);
-            if (!MustEscape(c, keep)) continue;
-            Append(text + begin, i - begin);
-            char escape[4];
-            PutEscape(c, escape);
-            Append(escape, sizeof escape);
-            begin = i + 1;
-        }
-        Append(text + begin, bytes - begin);
-    }
-
-    // Decimal, filled with zeros up to `width`.
-    void AppendNumber(unsigned long number, int width = 1) {
-        char digits[24];
-        int count = 0;
-        do {
-            digits[count++] = static_cast<char>('0' + number % 10);
-            number /= 10;
-        } while (number != 0 || count < width);
-        char text[24];
-        for (int i = 0; i < count; ++i) text[i] = digits[count - 1 - i];
-        Append(text, static_cast<size_t>(count));
-    }
-
-    void AppendFormat(const char* format, va_list arguments) {
-        va_list again;
-        va_copy(again, arguments);
-        const int bytes = vsnprintf(data_ + size_, capacity_ - size_, format, arguments);
-        if (bytes < 0) {
-            Append(format);  // an argument that cannot be printed: at least the message
-        } else if (static_cast<size_t>(bytes) < capacity_ - size_) {
-            size_ += static_cast<size_t>(bytes);
-        } else {
-            const size_t room = Room(static_cast<size_t>(bytes) + 1);
-            (void)vsnprintf(data_ + size_, room, format, again);  // known to be printable
-            size_ += std::min(room - 1, static_cast<size_t>(bytes));
-        }
-        va_end(again);
-    }
-
-    // Ends the text with `c`, which replaces the last character when there is no room for more.
-    void Terminate(char c) {
-        if (Room(1) == 0) --size_;
-        data_[size_++] = c;
-    }
-
-  private:
-    // Makes room for `bytes` more if it can, and tells how much room there is.
-    size_t Room(size_t bytes) {
-        if (capacity_ - size_ >= bytes) return capacity_ - size_;
-        const size_t capacity = std::max(size_ + bytes, 2 * capacity_);
-        char* data = static_cast<char*>(data_ == stack_ ? malloc(capacity)  //
-                                                        : realloc(data_, capacity));
-        if (data == nullptr) return capacity_ - size_;
-        if (data_ == stack_) memcpy(data, stack_, size_);
-        data_ = data;
-        capacity_ = capacity;
-        return capacity_ - size_;
-    }
-
-    char stack_[1024];
-    char* data_ = stack_;
-    size_t size_ = 0;
-    size_t capacity_ = sizeof stack_;
-};
+// Messages up to this level are counted where they are bounded; above it are traces.
+constexpr int kLogLevelCounted = 1;
 
 // "2026-11-21T07:40:01.123456Z 4711 [OXEL-3] ". Done by hand: gmtime_r takes a process-wide lock.
 void AppendPrefix(TextBuffer& line) {
@@ -301,15 +193,17 @@ bool LogWriter::Reopen() {
     return TheDestination().Reopen();
 }
 
-void LogWriter::Write(int level, const char* function, int line, const char* format, ...) {
-    const int savedErrno = errno;  // callers report errno after they have logged, and %m needs it
+// `place`: where the message is counted, or null.
+static void WriteFormatted(LogPlace* place, int level, const char* function, int line,
+                           const char* format, va_list arguments) {
+    const int savedErrno = errno;
+    const bool bounded = ClientsLog::Bounded();
     try {
         TextBuffer text;
-        va_list arguments;
-        va_start(arguments, format);
         text.AppendFormat(format, arguments);
-        va_end(arguments);
+        if (bounded) text.Cut(ClientsLog::kTextBytesMax);
         text.Terminate('\0');
+        if (place != nullptr) RememberLogged(place, text.Data());
         if (!GiveToSink({level, function, line, text.Data()})) {
             TextBuffer out;
             AppendPrefix(out);
@@ -321,7 +215,7 @@ void LogWriter::Write(int level, const char* function, int line, const char* for
             out.Append(":", 1);
             out.AppendNumber(static_cast<unsigned long>(line));
             out.Append(" ", 1);
-            out.AppendEscaped(text.Data(), text.Size() - 1, ControlMask(format));
+            out.AppendEscaped(text.Data(), text.Size() - 1, ControlMask(format), bounded);
             out.Terminate('\n');
             TheDestination().Write(out.Data(), out.Size());
         }
@@ -329,6 +223,30 @@ void LogWriter::Write(int level, const char* function, int line, const char* for
         // A lost line is better than a lost call.
     }
     errno = savedErrno;
+}
+
+void LogWriter::Write(int level, const char* function, int line, const char* format, ...) {
+    const int savedErrno = errno;  // callers report errno after they have logged, and %m needs it
+    LogPlace* place = nullptr;
+    if (level <= kLogLevelCounted && ClientsLog::Bounded()) {
+        place = FindLogPlace(level, function, line, format);
+        if (place != nullptr && !CountLogged(place)) {
+            errno = savedErrno;
+            return;
+        }
+        errno = savedErrno;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    WriteFormatted(place, level, function, line, format, arguments);
+    va_end(arguments);
+}
+
+void WriteLogLine(int level, const char* function, int line, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    WriteFormatted(nullptr, level, function, line, format, arguments);
+    va_end(arguments);
 }
 
 bool LogWriter::WriteEvent(const char* function, const char* text) {

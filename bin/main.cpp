@@ -2,6 +2,7 @@
 //
 // Process entry: the command line, the claim on the instance, the start of the services, and
 // waiting for the end.
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <strings.h>
@@ -20,8 +21,10 @@
 #include "base/store.h"
 #include "base/sync.h"
 #include "base/thread.h"
+#include "base/unique_fd.h"
 #include "bin/modules.h"
 #include "bin/oxelService.h"
+#include "bin/oxelService_limits.h"
 #include "companion/PellService.h"
 
 static constexpr unsigned kFatalErrorEvent = 0x5B0000E7;
@@ -50,6 +53,14 @@ bool RegisterService(const std::string& instance) {
     EvDebug::Debug("RegisterService", "oxelnfsd is already running in this instance [%s]",
                    instance.c_str());
     return false;
+}
+
+// Only the RPC library prints there: a line for each credential that it cannot decode. As many as a
+// client likes would fill a file, and hold the receive thread up where the reader of a pipe is
+// slow.
+static void SilenceStandardOutput() {
+    const oxel::UniqueFd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    if (null) (void)dup2(null.Get(), STDOUT_FILENO);  // else it stays as it was
 }
 
 // What the companion service calls to have the network services started later.
@@ -141,6 +152,7 @@ static sigset_t HandledSignals() {
                  kLastCallsMs);
     StopPellService();
     SettleFileSystemModules();
+    SumUpForClients(true);
     EvDebug::Debug("main", "oxelnfsd exiting.");
     if (lock != nullptr) lock->unlock();
     _exit(0);
@@ -201,6 +213,7 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
         (void)fflush(stdout);
         _exit(1);
     }
+    SilenceStandardOutput();
     EvDebug::Debug("main", "Starting oxelnfsd.");
     EvDebug::debugWait("oxelnfs");
 

@@ -5,6 +5,7 @@
 
 #include "base/log.h"
 #include "base/perf_counter.h"
+#include "base/repeat_limit.h"
 #include "base/thread.h"
 #include "bin/oxelService.h"
 #include "bin/oxelService_callinfo.h"
@@ -35,13 +36,13 @@ static const char* StateText(OxelServiceStatus state) {
 
 static ControlReply Status(const json&) {
     // Not by the wall clock, which somebody may set.
-    static const int64_t processStart = CoarseSeconds();
+    static const int64_t processStart = oxel::CoarseSeconds();
     const OxelServiceStatus state = OxelServiceGlobals::oxelStatus;
     const size_t total = gCallInfoPool.Total(), free = gCallInfoPool.Free();
     ControlReply reply;
     reply.body = {{"pid", getpid()},
                   {"version", kOxelVersion},
-                  {"uptimeSeconds", CoarseSeconds() - processStart},
+                  {"uptimeSeconds", oxel::CoarseSeconds() - processStart},
                   {"state", static_cast<int>(state)},
                   {"stateText", StateText(state)},
                   {"nfsPort", OxelServiceGlobals::nfsPort.load()},

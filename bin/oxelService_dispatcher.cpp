@@ -12,6 +12,7 @@
 #include <new>
 
 #include "base/log.h"
+#include "base/log_clients.h"
 #include "base/perf_counter.h"
 #include "base/store.h"
 #include "bin/oxelService.h"
@@ -234,6 +235,7 @@ static bool Dispatch(CallInfo3* call, svc_req* request, SVCXPRT* transport, bool
 }
 
 static void Nfs3Dispatcher(svc_req* request, SVCXPRT* transport) {
+    const oxel::ClientsLog clients;
     if (gPerfFlag && counterStarted) {
         gPerfCounter.stop("Nfs3Dispatcher", kPerfBetweenCalls);
         counterStarted = false;
@@ -292,6 +294,7 @@ static void HandlerThrew(CallInfo3* call) {
 }
 
 void* HandleNFSRPC(void* record) {
+    const oxel::ClientsLog clients;
     auto* call = static_cast<CallInfo3*>(record);
     OXEL_LOG(4, "Procedure Name [%d:%s]", call->procedure, call->row->name);
     bool_t reply;
@@ -324,11 +327,13 @@ void* HandleNFSRPC(void* record) {
 }
 
 void SendWithoutShareLock(CallInfo3* call) {
+    const oxel::ClientsLog clients;
     SendReply(call, "void* SendNFSRPC(void*)");
     FinalRPCCleanup(call, call->transport);
 }
 
 void* SendNFSRPC(void* record) {
+    const oxel::ClientsLog clients;
     auto* call = static_cast<CallInfo3*>(record);
     // Replies of one top-level share go out one after the other.
     ExportPtr lockTarget;

@@ -76,7 +76,7 @@ void EventLoop::EndNoCall(EventConnection* connection) {
 void EventLoop::Sweep() {
     for (size_t i = connections_.size(); i > 0; --i) SweepOne(connections_[i - 1]);
     if (service_.waitingForMemory != 0 || BufferedTooMuch(0)) EndStalled();
-    if (number_ == 0) SumEndsUp();
+    if (number_ == 0) SumUpForClients();
 }
 
 void EventLoop::SweepOne(EventConnection* connection) {

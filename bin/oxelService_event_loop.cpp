@@ -13,6 +13,7 @@
 #include "backend/OxelServiceGlobals.h"
 #include "base/log.h"
 #include "base/perf_counter.h"
+#include "base/repeat_limit.h"
 #include "base/thread.h"
 #include "bin/oxelService.h"
 #include "bin/oxelService_accept.h"
@@ -77,7 +78,7 @@ void EventLoop::Wake() {
 }
 
 bool EventLoop::Lead() {
-    now_ = CoarseSeconds();
+    now_ = oxel::CoarseSeconds();
     if (EventConnection* interrupted = std::exchange(current_, nullptr)) {
         // The thread that led before is held up in a call of this one. Others of the kind would
         // hold up one thread after the other until that call ends.
@@ -91,7 +92,7 @@ bool EventLoop::Lead() {
         epoll_event events[kEventsAtOnce];
         const int count =
             epoll_wait(epoll_.Get(), events, kEventsAtOnce, ready_.empty() ? kSweepMs : 0);
-        now_ = CoarseSeconds();
+        now_ = oxel::CoarseSeconds();
         // Those that were ready before this round; who becomes ready in it waits for the next.
         size_t turns = ready_.size();
         for (int i = 0; i < count; ++i) {

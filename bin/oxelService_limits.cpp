@@ -5,10 +5,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <ctime>
 
 #include "backend/OxelServiceGlobals.h"
 #include "base/log.h"
+#include "base/log_clients.h"
+#include "base/repeat_limit.h"
 #include "base/store.h"
 #include "base/sync.h"
 
@@ -43,18 +44,13 @@ ClientLimits ClientLimits::FromSettings() {
 
 namespace {
 
-constexpr unsigned kLinesAMinute = 10;
-constexpr int64_t kMinute = 60;
-
 XoCriticalSection gMutex;
-int64_t gMinuteBegan GUARDED_BY(gMutex) = 0;
 
 struct Account {
     const char* name;
     std::atomic<uint64_t> count{0};
-    unsigned lines GUARDED_BY(gMutex) = 0;
-    uint64_t unsaid GUARDED_BY(gMutex) = 0;
-    std::string text GUARDED_BY(gMutex);
+    oxel::RepeatLimit limit GUARDED_BY(gMutex);
+    std::string text GUARDED_BY(gMutex);  // of the last one
 };
 
 // In the order of EndReason.
@@ -65,44 +61,32 @@ Account gAccounts[kEndReasons] = {
 
 }  // namespace
 
-int64_t CoarseSeconds() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return now.tv_sec;
-}
-
-static void SumUp() REQUIRES(gMutex) {
-    const int64_t now = CoarseSeconds();
-    if (now - gMinuteBegan < kMinute) return;
-    gMinuteBegan = now;
-    for (Account& account : gAccounts) {
-        if (account.unsaid != 0)
-            OXEL_LOG(-1, "%llu more connections were ended because %s.",
-                     static_cast<unsigned long long>(account.unsaid), account.text.c_str());
-        account.lines = 0;
-        account.unsaid = 0;
-    }
+static void SayUntold(const Account& account, uint64_t untold) REQUIRES(gMutex) {
+    if (untold != 0)
+        OXEL_LOG(-1, "%llu more connections were ended because %s.",
+                 static_cast<unsigned long long>(untold), account.text.c_str());
 }
 
 void CountEnd(EndReason reason, const std::string& address, const std::string& text) {
-    XoCriticalSectionGuard lock(gMutex);
-    SumUp();
     Account& account = gAccounts[static_cast<unsigned>(reason)];
     account.count.fetch_add(1, std::memory_order_relaxed);
     if (reason == EndReason::kByClient) {
         OXEL_LOG(3, "The client at [%s] has ended its connection.", address.c_str());
-    } else if (account.lines < kLinesAMinute) {
-        ++account.lines;
-        OXEL_LOG(-1, "Ended the connection of [%s]: %s.", address.c_str(), text.c_str());
-    } else {
-        ++account.unsaid;
-        account.text = text;
+        return;
     }
+    XoCriticalSectionGuard lock(gMutex);
+    const oxel::RepeatLimit::Verdict verdict = account.limit.Count(oxel::CoarseSeconds());
+    SayUntold(account, verdict.untold);
+    account.text = text;
+    if (verdict.tell)
+        OXEL_LOG(-1, "Ended the connection of [%s]: %s.", address.c_str(), text.c_str());
 }
 
-void SumEndsUp() {
+void SumUpForClients(bool atOnce) {
+    oxel::ClientsLog::SumUp(atOnce);
     XoCriticalSectionGuard lock(gMutex);
-    SumUp();
+    for (Account& account : gAccounts)
+        SayUntold(account, account.limit.TakeUntold(oxel::CoarseSeconds(), atOnce));
 }
 
 std::array<std::pair<const char*, uint64_t>, kEndReasons> EndCounts() {

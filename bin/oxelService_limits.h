@@ -36,9 +36,6 @@ struct ClientLimits {
     static ClientLimits FromSettings();
 };
 
-// The clock that the limits in seconds go by: monotonic, cheap to ask, exact to some milliseconds.
-int64_t CoarseSeconds();
-
 // Why a connection ended.
 enum class EndReason : unsigned {
     kByClient,
@@ -57,8 +54,8 @@ inline constexpr size_t kEndReasons = 10;
 // Counts an end and logs it with its client's address, the first few of a reason in each minute;
 // `text` completes "Ended the connection of [...]: ". Any thread.
 void CountEnd(EndReason reason, const std::string& address, const std::string& text);
-// Logs how many ends of the last minute had no line of their own, once the minute is over. To be
-// called often; any thread.
-void SumEndsUp();
+// Logs how many of what clients did in the last minute had no line of their own, once the minute is
+// over or, `atOnce`, as things stand. To be called often, and at the end; any thread.
+void SumUpForClients(bool atOnce = false);
 // How often each reason ended a connection, under its name in JSON. Any thread.
 std::array<std::pair<const char*, uint64_t>, kEndReasons> EndCounts();

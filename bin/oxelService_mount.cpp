@@ -8,6 +8,7 @@
 
 #include "backend/OxelServiceGlobals.h"
 #include "base/log.h"
+#include "base/log_clients.h"
 #include "base/perf_counter.h"
 #include "bin/oxelService.h"
 #include "bin/oxelService_callinfo.h"
@@ -109,6 +110,7 @@ static void Dispatch(svc_req* request, SVCXPRT* transport) {
 }
 
 static void Mount3Dispatcher(svc_req* request, SVCXPRT* transport) {
+    const oxel::ClientsLog clients;
     if (Connection::Of(transport) == nullptr) return;  // reset before it was accepted
     try {
         Dispatch(request, transport);

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "base/log.h"
+#include "base/log_clients.h"
 #include "base/store.h"
 #include "bin/oxelService.h"
 #include "bin/oxelService_carrier.h"
@@ -112,6 +113,7 @@ void InitializeHardenedMode() {
     unsigned int value = 0;
     XOPlatformInfo().getNumber("Oxel", "nHardened", &value);
     gHardened = value != 0;
+    oxel::ClientsLog::Bound(gHardened);
     gCarrier = gHardened ? &EventCarrier() : &SelectCarrier();
     OXEL_LOG(1, "Hardened mode [%s]", gHardened ? "Enabled" : "Disabled");
 }

@@ -12,6 +12,9 @@ namespace {
 
 // Lists of shares and clients can be long; what is longer is no answer.
 constexpr size_t kReplyBytesMax = 64u << 20;
+// Values are copied and shown by functions that call themselves: a reply of brackets only must not
+// use the stack up. The deepest that a daemon gives is 5.
+constexpr int kReplyDepthMax = 32;
 
 bool Fail(int error) {
     errno = error;
@@ -20,8 +23,15 @@ bool Fail(int error) {
 
 // False when `text` is no reply.
 bool ParseReply(const std::string& text, ControlReply* reply) {
-    nlohmann::json parsed = nlohmann::json::parse(text, nullptr, false);
-    if (!parsed.is_object()) return false;
+    bool tooDeep = false;
+    nlohmann::json parsed = nlohmann::json::parse(
+        text,
+        [&tooDeep](int depth, nlohmann::json::parse_event_t, const nlohmann::json&) {
+            tooDeep = tooDeep || depth > kReplyDepthMax;
+            return !tooDeep;
+        },
+        false);
+    if (tooDeep || !parsed.is_object()) return false;
     const auto ok = parsed.find("ok");
     if (ok == parsed.end() || !ok->is_boolean()) return false;
     ControlReply result;

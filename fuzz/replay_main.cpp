@@ -4,6 +4,8 @@
 // the fuzzers as ordinary tests, with any compiler. The random seed is fixed, so a failure repeats.
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -46,23 +48,28 @@ void Mutate(Bytes* input, std::mt19937* random) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    static constexpr const char kOption[] = "-mutations=";
+    unsigned long mutations = 20000;
     std::vector<Bytes> seeds;
     for (int i = 1; i < argc; ++i) {
+        if (strncmp(argv[i], kOption, sizeof kOption - 1) == 0) {
+            mutations = strtoul(argv[i] + sizeof kOption - 1, nullptr, 10);
+            continue;
+        }
         for (const auto& entry : std::filesystem::recursive_directory_iterator(argv[i]))
             if (entry.is_regular_file()) seeds.push_back(ReadFile(entry.path()));
     }
     if (seeds.empty()) {
-        fprintf(stderr, "usage: %s FOLDER-OF-SEEDS...\n", argv[0]);
+        fprintf(stderr, "usage: %s [-mutations=N] FOLDER-OF-SEEDS...\n", argv[0]);
         return 1;
     }
     for (const Bytes& seed : seeds) LLVMFuzzerTestOneInput(seed.data(), seed.size());
-    constexpr unsigned kMutations = 20000;
     std::mt19937 random(20261121);
-    for (unsigned i = 0; i < kMutations; ++i) {
+    for (unsigned long i = 0; i < mutations; ++i) {
         Bytes input = seeds[random() % seeds.size()];
         Mutate(&input, &random);
         LLVMFuzzerTestOneInput(input.data(), input.size());
     }
-    printf("%zu seeds and %u mutations\n", seeds.size(), kMutations);
+    fprintf(stderr, "%zu seeds and %lu mutations\n", seeds.size(), mutations);
     return 0;
 }

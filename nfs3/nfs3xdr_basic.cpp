@@ -95,7 +95,7 @@ static bool_t DecodeHandle(XDR* xdrs, nfs_fh3* value) {
     if (length < nfs_fh3::kLengthMin || length > nfs_fh3::kLengthMax) return FALSE;
     const uint32_t objectBytes = length - nfs_fh3::kLengthMin;
     if (int32_t* words = XDR_INLINE(xdrs, oxel::xdr::Padded(length))) {
-        oxel::xdr::GetWords io{words};
+        oxel::xdr::GetWords io{reinterpret_cast<const char*>(words)};
         io.U32(value->fsmType);
         io.U32(value->shareId);
         memcpy(value->objectId, io.at, objectBytes);

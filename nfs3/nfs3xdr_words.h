@@ -9,6 +9,7 @@
 #include <rpc/rpc.h>
 
 #include <cstdint>
+#include <cstring>
 
 #include "nfs3/nfs3types.h"
 
@@ -55,12 +56,16 @@ struct PutWords {
     }
 };
 
-// Decodes from memory that holds all of them.
+// Decodes from memory that holds all of them, at any address: a client may cut its record into
+// fragments of odd lengths, and the library's buffer then has the words where they came.
 struct GetWords {
-    const int32_t* at;
+    const char* at;
     template <typename T>
     bool U32(T& value) {
-        value = static_cast<T>(ntohl(static_cast<uint32_t>(*at++)));
+        uint32_t word;
+        memcpy(&word, at, sizeof word);
+        at += sizeof word;
+        value = static_cast<T>(ntohl(word));
         return true;
     }
     bool U64(uint64_t& value) {
@@ -142,7 +147,7 @@ bool_t CodeWords(XDR* xdrs, T* value) {
             PutWords io{words};
             return Words(io, *value);
         }
-        GetWords io{words};
+        GetWords io{reinterpret_cast<const char*>(words)};
         return Words(io, *value);
     }
     StreamWords io{xdrs};

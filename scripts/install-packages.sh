@@ -2,8 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages that building, testing and running need; does nothing when they are
 # there. As root, or through sudo.
-#   scripts/install-packages.sh [bench|check]
-#     bench: only the peer and the plotter of the benchmarks; check: only the static checks' programs
+#   scripts/install-packages.sh [bench|check|fuzz]
+#     bench: only the peer and the plotter of the benchmarks; check: only the static checks' programs;
+#     fuzz: only the compiler for fuzzing
 set -euo pipefail
 cd "$(dirname "$0")/.."
 mkdir -p build
@@ -19,6 +20,7 @@ packages=(
 # Compared with and plotted with; nobody else needs them.
 [[ "${1:-}" != bench ]] || packages=(nfs-ganesha nfs-ganesha-vfs rpcbind gnuplot-nox)
 [[ "${1:-}" != check ]] || packages=(clang clang-tidy clang-format cppcheck shellcheck)
+[[ "${1:-}" != fuzz ]] || packages=(clang libclang-rt-14-dev)
 
 missing=()
 for package in "${packages[@]}"; do

@@ -77,6 +77,18 @@ TEST_F(ControlClient, WhatIsNoReplyIsAnError) {
     EXPECT_EQ(reply.error, "untouched");
 }
 
+// Whatever shows it would use its stack up.
+TEST_F(ControlClient, AReplyOfNothingButBracketsIsAnError) {
+    ControlReply reply;
+    for (const size_t depth : {40u, 100000u}) {
+        const std::string nested = std::string(depth, '[') + std::string(depth, ']');
+        EXPECT_EQ(CallAgainst("{\"ok\":true,\"x\":" + nested + "}\n", &reply), EPROTO) << depth;
+        EXPECT_EQ(CallAgainst(std::string(depth, '[') + "\n", &reply), EPROTO) << depth;
+    }
+    EXPECT_EQ(CallAgainst("{\"ok\":true,\"x\":[[[[7]]]]}\n", &reply), 0);
+    EXPECT_EQ(reply.body["x"][0][0][0][0], 7);
+}
+
 TEST_F(ControlClient, DaemonThatEndsWithoutAWordIsAnError) {
     ControlReply reply;
     EXPECT_EQ(CallAgainst("", &reply), ECONNRESET);

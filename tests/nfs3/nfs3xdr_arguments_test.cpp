@@ -184,3 +184,26 @@ TEST(XdrArguments, AHandleOfABadLengthFailsEveryProcedure) {
     ExpectDecodeFails(xdr_READDIRPLUS3args, bad);
     ExpectDecodeFails(xdr_COMMIT3args, bad);
 }
+
+// A client may cut its record into fragments of any length; what follows an odd one then stands at
+// an odd address in the RPC library's buffer.
+TEST(XdrArguments, DecodeFromOddAddresses) {
+    const std::vector<unsigned char> wire =
+        HandleWire().U32(0).U32(7).U32(0).U32(8).U32(9).U32(10).Bytes();
+    for (size_t shift = 1; shift < 4; ++shift) {
+        std::vector<char> memory(64 + wire.size());
+        XDR stream;
+        // At an aligned address, so that the library gives its words in line, and then moved on.
+        xdrmem_create(&stream, memory.data(), static_cast<u_int>(wire.size()), XDR_DECODE);
+        ASSERT_NE(stream.x_ops->x_inline, nullptr);
+        memcpy(memory.data() + shift, wire.data(), wire.size());
+        stream.x_private = memory.data() + shift;
+        READDIRPLUS3args args{};
+        ASSERT_TRUE(xdr_READDIRPLUS3args(&stream, &args)) << shift;
+        EXPECT_EQ(args.dir.nfh_len, SampleHandle().nfh_len);
+        EXPECT_EQ(args.dir.shareId, SampleHandle().shareId);
+        EXPECT_EQ(args.cookie, 7u);
+        EXPECT_EQ(args.dircount, 9u);
+        EXPECT_EQ(args.maxcount, 10u);
+    }
+}

@@ -47,7 +47,7 @@ class EndedConnections : public testing::Test {
     void SetUp() override { NextMinute(); }
     static void NextMinute() {
         Pass(60);
-        SumEndsUp();
+        SumUpForClients();
     }
     static uint64_t Count(EndReason reason) {
         return EndCounts()[static_cast<size_t>(reason)].second;
@@ -141,7 +141,7 @@ TEST_F(EndedConnections, HaveTenLinesOfEachReasonInAMinute) {
     EXPECT_EQ(log.AtLevel(-1).size(), 20u) << log.Dump();
     Pass(59);
     End(EndReason::kIdle, 5);
-    SumEndsUp();
+    SumUpForClients();
     EXPECT_EQ(log.AtLevel(-1).size(), 20u) << log.Dump();
 }
 
