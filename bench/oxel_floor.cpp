@@ -94,7 +94,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     printf("%u\n", ntohs(address.sin_port));
-    fflush(stdout);
+    (void)fflush(stdout);
 
     const oxel::UniqueFd epoll(epoll_create1(EPOLL_CLOEXEC));
     Watch(epoll.Get(), listener.Get());

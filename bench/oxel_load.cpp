@@ -75,7 +75,7 @@ int Main(int argc, char** argv) {
             Measure(options);
         return 0;
     } catch (const std::exception& error) {
-        fprintf(stderr, "oxel-load: %s\n", error.what());
+        (void)fprintf(stderr, "oxel-load: %s\n", error.what());
         return 1;
     }
 }

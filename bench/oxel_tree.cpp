@@ -37,7 +37,7 @@ void MakeDirectory(const std::string& path) {
 
 std::string Numbered(const char* format, unsigned long number) {
     char name[64];
-    snprintf(name, sizeof name, format, number);
+    (void)snprintf(name, sizeof name, format, number);
     return name;
 }
 
@@ -92,12 +92,12 @@ int main(int argc, char** argv) {
         } else if (verb == "mix" && argc == 3) {
             MakeMix(argv[2]);
         } else {
-            fprintf(stderr, "usage: oxel-tree names DIR COUNT | data FILE BYTES | mix DIR\n");
+            (void)fprintf(stderr, "usage: oxel-tree names DIR COUNT | data FILE BYTES | mix DIR\n");
             return 2;
         }
         return 0;
     } catch (const std::exception& error) {
-        fprintf(stderr, "oxel-tree: %s\n", error.what());
+        (void)fprintf(stderr, "oxel-tree: %s\n", error.what());
         return 1;
     }
 }

@@ -60,9 +60,9 @@ ExitCode Fail(const Settings& settings, ExitCode code, const std::string& why, j
         json answer = details.is_object() ? std::move(details) : json::object();
         answer["error"] = why;
         PrintJson(answer);
-        fflush(stdout);
+        (void)fflush(stdout);
     }
-    fprintf(stderr, "oxelctl: %s\n", why.c_str());
+    (void)fprintf(stderr, "oxelctl: %s\n", why.c_str());
     return code;
 }
 
@@ -74,7 +74,7 @@ ExitCode Ask(const Settings& settings, const json& request, unsigned timeoutMs, 
     if (!reply.ok) {
         const ExitCode code = Fail(settings, kRefused, EscapeControl(reply.error), reply.body);
         for (const json& error : Listed(reply.body, "errors"))
-            fprintf(stderr, "%s\n", ErrorLine(error).c_str());
+            (void)fprintf(stderr, "%s\n", ErrorLine(error).c_str());
         return code;
     }
     if (settings.json) {

@@ -40,7 +40,7 @@ ExitCode Check(const Settings& settings) {
         // The errors are the answer that was asked for.
         if (!settings.json)
             for (const json& error : errors) printf("%s\n", ErrorLine(error).c_str());
-        fflush(stdout);
+        (void)fflush(stdout);
         return Fail(settings, kRefused, Counted(errors.size(), "error", "errors"), answer);
     }
     if (settings.json) {

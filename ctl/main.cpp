@@ -32,7 +32,8 @@ std::string CheckInstance(const std::string& name) {
 }
 
 int Usage(const std::string& what) {
-    fprintf(stderr, "oxelctl: %s\nRun \"oxelctl --help\" for more information.\n", what.c_str());
+    (void)fprintf(stderr, "oxelctl: %s\nRun \"oxelctl --help\" for more information.\n",
+                  what.c_str());
     return oxel::ctl::kUsage;
 }
 
@@ -95,7 +96,7 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return Usage(oxel::EscapeControl(error.what()));
     } catch (const std::exception& exception) {
-        fprintf(stderr, "oxelctl: %s\n", exception.what());
+        (void)fprintf(stderr, "oxelctl: %s\n", exception.what());
         return oxel::ctl::kNoDaemon;
     }
     return result;

@@ -60,8 +60,9 @@ std::string ShownDuration(const json& object, const char* member) {
     const uint64_t seconds = found->get<uint64_t>();
     const uint64_t days = seconds / 86400;
     char clock[16];
-    snprintf(clock, sizeof clock, "%02u:%02u:%02u", static_cast<unsigned>(seconds / 3600 % 24),
-             static_cast<unsigned>(seconds / 60 % 60), static_cast<unsigned>(seconds % 60));
+    (void)snprintf(clock, sizeof clock, "%02u:%02u:%02u",
+                   static_cast<unsigned>(seconds / 3600 % 24),
+                   static_cast<unsigned>(seconds / 60 % 60), static_cast<unsigned>(seconds % 60));
     if (days == 0) return clock;
     return std::to_string(days) + (days == 1 ? " day " : " days ") + clock;
 }

@@ -20,7 +20,7 @@ constexpr size_t kRecordBytesMax = 400;
 // Records in one transaction: so many that its cost is shared, so few that its changed pages fit
 // what LMDB keeps in memory.
 constexpr size_t kTransactionMax = 10000;
-constexpr int64_t kRetryMs = 30 * 1000;
+constexpr int64_t kRetryMs = int64_t{30} * 1000;
 
 // Sorted as bytes, so that a share's objects stand together and those made one after the other
 // mostly share a page.

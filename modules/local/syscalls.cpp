@@ -97,7 +97,7 @@ int AccessFd(int fd, int mode) {
 }
 
 ProcPath::ProcPath(int fd) {
-    snprintf(text_, sizeof text_, "/proc/self/fd/%d", fd);
+    (void)snprintf(text_, sizeof text_, "/proc/self/fd/%d", fd);
 }
 
 bool PathOfFd(int fd, std::string* path) {

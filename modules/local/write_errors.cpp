@@ -23,7 +23,7 @@ namespace {
 constexpr size_t kFilesMax = 1024;
 constexpr size_t kClientsPerFileMax = 64;
 // A client that has not asked for so long is not going to.
-constexpr int64_t kErrorKeptMs = 60 * 60 * 1000;
+constexpr int64_t kErrorKeptMs = int64_t{60} * 60 * 1000;
 
 // A sixteenth of the descriptors that the process may have.
 size_t DefaultLimit() {
