@@ -20,6 +20,7 @@
 #include "backend/export_registry.h"
 #include "base/log.h"
 #include "base/own_rights.h"
+#include "base/patience.h"
 #include "base/store.h"
 #include "base/sync.h"
 #include "base/unique_fd.h"
@@ -274,6 +275,8 @@ void ExportCache::State::MarkSaved(const std::string& file, uint64_t changesSeen
 }
 
 bool ExportCache::SaveToDisk() {
+    // The JSON library allocates where it ends a value too, from where no exception gets out.
+    const oxel::PatientNew patient;
     State& s = state();
     XoCriticalSectionGuard save(s.saveSection);
     const oxel::OwnRights own;

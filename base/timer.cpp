@@ -11,6 +11,7 @@
 #include <mutex>
 #include <optional>
 
+#include "base/patience.h"
 #include "base/thread.h"
 
 namespace {
@@ -54,6 +55,8 @@ class TimerThread {
     }
 
     [[noreturn]] void Loop() {
+        // Nobody is told of a task that could not be done; it waits for memory.
+        const oxel::PatientNew patient;
         std::unique_lock<std::mutex> lock(mutex_);
         timer_ = pthread_self();
         for (;;) {
