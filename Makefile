@@ -3,7 +3,7 @@
 SHELL := /bin/bash
 .SHELLFLAGS := -eu -o pipefail -c
 .DEFAULT_GOAL := help
-.PHONY: help deps build run test asan tsan integrity bench bench-scale format clean
+.PHONY: help deps build run test asan tsan integrity soak bench bench-scale format clean
 
 DIR ?=
 PORT ?=
@@ -33,6 +33,10 @@ tsan: deps ## The same tests under the thread sanitizer
 
 integrity: deps ## Data integrity for long, with all three builds: make integrity SECONDS=600
 	@scripts/integrity.sh "$(SECONDS)"
+
+soak: deps ## Hours of everything, with all three builds: make soak SECONDS=1800
+	@scripts/install-packages.sh bench || true
+	@scripts/soak.sh "$(SECONDS)"
 
 bench: deps ## Measure beside nfs-ganesha and write docs/benchmarks.md: 15 minutes
 	@scripts/bench.sh
