@@ -3,7 +3,7 @@
 SHELL := /bin/bash
 .SHELLFLAGS := -eu -o pipefail -c
 .DEFAULT_GOAL := help
-.PHONY: help deps build run test asan tsan check integrity fuzz bench bench-scale format clean
+.PHONY: help deps build run test asan tsan check integrity soak fuzz bench bench-scale format clean
 
 DIR ?=
 PORT ?=
@@ -38,6 +38,10 @@ check: ## Static checks: clang's thread-safety analysis, clang-tidy, cppcheck, s
 
 integrity: deps ## Data integrity for long, with all three builds: make integrity SECONDS=600
 	@scripts/integrity.sh "$(SECONDS)"
+
+soak: deps ## Hours of everything, with all three builds: make soak SECONDS=1800
+	@scripts/install-packages.sh bench || true
+	@scripts/soak.sh "$(SECONDS)"
 
 fuzz: deps ## Fuzz for long, or one of the targets: make fuzz SECONDS=1200 TARGETS="calls control"
 	@scripts/install-packages.sh fuzz

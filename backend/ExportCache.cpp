@@ -18,6 +18,7 @@
 #include "backend/export_registry.h"
 #include "base/log.h"
 #include "base/own_rights.h"
+#include "base/patience.h"
 #include "base/store.h"
 #include "base/sync.h"
 #include "base/unique_fd.h"
@@ -270,6 +271,8 @@ void ExportCache::State::MarkSaved(const std::string& file, uint64_t changesSeen
 }
 
 bool ExportCache::SaveToDisk() {
+    // The JSON library allocates where it ends a value too, from where no exception gets out.
+    const oxel::PatientNew patient;
     State& s = state();
     XoCriticalSectionGuard save(s.saveSection);
     const oxel::OwnRights own;

@@ -9,6 +9,7 @@
 #include <map>
 #include <optional>
 
+#include "base/patience.h"
 #include "base/sync.h"
 #include "base/thread.h"
 
@@ -53,6 +54,8 @@ class TimerThread {
     }
 
     [[noreturn]] void Loop() {
+        // Nobody is told of a task that could not be done; it waits for memory.
+        const oxel::PatientNew patient;
         XoCriticalSectionGuard lock(mutex_);
         timer_ = pthread_self();
         for (;;) {

@@ -18,6 +18,7 @@
 #include "base/event_log.h"
 #include "base/instance.h"
 #include "base/log.h"
+#include "base/patience.h"
 #include "base/store.h"
 #include "base/sync.h"
 #include "base/thread.h"
@@ -195,6 +196,7 @@ static void* WaitForSignals(void*) {
 int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
     const sigset_t signals = HandledSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    oxel::InstallPatience();
     OxelServiceGlobals::SetOxelStatus(OxelStarting);
 
     std::string instance;

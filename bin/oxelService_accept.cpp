@@ -18,6 +18,7 @@
 
 #include "backend/FdCache.h"
 #include "base/log.h"
+#include "bin/oxelService_transport.h"
 
 namespace {
 
@@ -110,6 +111,12 @@ SVCXPRT* MakeTransport(oxel::UniqueFd socket, unsigned sendBytes, unsigned recei
         while (IsRegistered(fd)) svc_getreq_common(fd);
         return nullptr;
     }
-    if (transport != nullptr) (void)socket.Release();  // the library's from here
-    return transport;
+    if (transport == nullptr) return nullptr;
+    (void)socket.Release();  // the library's from here
+    XDR& stream = static_cast<tcp_conn*>(transport->xp_p1)->xdrs;
+    if (stream.x_ops != nullptr) return transport;
+    // The library has had no memory for the stream, does not look, and would call it at address 0.
+    xdrmem_create(&stream, nullptr, 0, XDR_DECODE);
+    SVC_DESTROY(transport);
+    return nullptr;
 }

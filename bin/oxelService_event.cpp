@@ -12,6 +12,7 @@
 #include <new>
 
 #include "backend/OxelServiceGlobals.h"
+#include "base/patience.h"
 #include "bin/oxelService_event_loop.h"
 #include "bin/oxelService_transport.h"
 #include "net/CLuIPAddr.h"
@@ -40,6 +41,7 @@ EventConnection* EventConnection::Guard(SVCXPRT* transport, EventLoop& loop,
 }
 
 void EventConnection::Dispatch() {
+    const oxel::ImpatientNew impatient;
     svc_getreq_common(Descriptor());
 }
 

@@ -12,6 +12,7 @@
 
 #include "backend/OxelServiceGlobals.h"
 #include "base/log.h"
+#include "base/patience.h"
 #include "base/perf_counter.h"
 #include "base/repeat_limit.h"
 #include "base/thread.h"
@@ -78,6 +79,8 @@ void EventLoop::Wake() {
 }
 
 bool EventLoop::Lead() {
+    // Everybody's connections hang on this thread.
+    const oxel::PatientNew patient;
     now_ = oxel::CoarseSeconds();
     if (EventConnection* interrupted = std::exchange(current_, nullptr)) {
         // The thread that led before is held up in a call of this one. Others of the kind would
@@ -259,7 +262,10 @@ bool EventLoop::Handle(CallInfo3* call) {
 bool EventLoop::HandleHere(CallInfo3* call) {
     const uint64_t began = oxel::MonotonicNanoseconds();
     const uint64_t work = leadership_.Begin();
-    HandleNFSRPC(call);
+    {
+        const oxel::ImpatientNew impatient;
+        HandleNFSRPC(call);
+    }
     service_.RecordIsFree();
     if (!leadership_.Finish(work)) return false;
     const uint64_t took = oxel::MonotonicNanoseconds() - began;
@@ -277,6 +283,7 @@ void* EventLoop::HandleThere(void* record) {
     const CallPace::Kind kind = CallPace::KindOf(call);
     const uint64_t began = oxel::MonotonicNanoseconds();
     HandleNFSRPC(call);
+    const oxel::PatientNew patient;
     service.pace.Learn(kind, oxel::MonotonicNanoseconds() - began);
     connection->Flush();
     connection->Drop();

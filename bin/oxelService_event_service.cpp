@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "base/log.h"
+#include "base/patience.h"
 #include "base/store.h"
 #include "base/thread.h"
 #include "bin/oxelService.h"
@@ -143,6 +144,7 @@ void EventService::DispatchMount(EventConnection* connection) {
 }
 
 void* EventService::ServeMounts(void* service) {
+    const oxel::PatientNew patient;
     auto* self = static_cast<EventService*>(service);
     for (;;) {
         EventConnection* connection;

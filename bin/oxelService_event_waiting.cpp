@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/patience.h"
 #include "bin/oxelService.h"
 #include "bin/oxelService_callinfo.h"
 #include "bin/oxelService_event_loop.h"
@@ -72,6 +73,7 @@ void EventLoop::TakeOut(EventConnection* connection) {
 void EventLoop::WaitForClient(EventConnection* connection) {
     connection->AddCall();
     {
+        const oxel::PatientNew patient;
         XoCriticalSectionGuard lock(mutex_);
         blocked_.push_back(connection);
     }
@@ -80,6 +82,7 @@ void EventLoop::WaitForClient(EventConnection* connection) {
 
 void EventLoop::MountIsDone(EventConnection* connection) {
     {
+        const oxel::PatientNew patient;
         XoCriticalSectionGuard lock(mutex_);
         answered_.push_back(connection);
     }

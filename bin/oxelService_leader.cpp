@@ -7,6 +7,7 @@
 #include <system_error>
 #include <thread>
 
+#include "base/patience.h"
 #include "base/thread.h"
 
 namespace {
@@ -61,6 +62,7 @@ bool Leadership::Watch() {
 }
 
 void Leadership::StartWatcherIfNone() {
+    const oxel::PatientNew patient;
     XoCriticalSectionGuard lock(mutex_);
     if (deputies_ != 0 || threads_ + 1 >= threadsMost_) return;
     try {

@@ -18,6 +18,7 @@
 #include <set>
 
 #include "base/log.h"
+#include "base/patience.h"
 #include "base/sync.h"
 #include "base/thread.h"
 #include "base/thread_pool.h"
@@ -210,6 +211,7 @@ class ControlServer {
     }
 
     void AcceptLoop() {
+        const PatientNew patient;
         for (;;) {
             pollfd both[2] = {{wake_.Get(), POLLIN, 0}, {listener_.Get(), POLLIN, 0}};
             if (poll(both, 2, -1) < 0 && errno != EINTR) return;
@@ -261,6 +263,8 @@ class ControlServer {
     }
 
     static void* Serve(void* opaque) {
+        // The JSON library allocates where it ends a value too, from where no exception gets out.
+        const PatientNew patient;
         const std::unique_ptr<Connection> connection(static_cast<Connection*>(opaque));
         connection->server->ServeOne(connection->fd.Get());
         return nullptr;

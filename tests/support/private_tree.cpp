@@ -163,9 +163,9 @@ Daemon::~Daemon() {
         std::string log = Log();
         if (log.size() > kShownLogBytesMax) log.erase(0, log.size() - kShownLogBytesMax);
         std::string said = StandardError();
-        if (said.size() > kShownLogBytesMax) said.resize(kShownLogBytesMax);
+        if (said.size() > kShownLogBytesMax) said.erase(0, said.size() - kShownLogBytesMax);
         fprintf(stderr,
-                "--- the daemon's log ends with\n%s\n--- its standard error begins with\n%s\n",
+                "--- the daemon's log ends with\n%s\n--- its standard error ends with\n%s\n",
                 log.c_str(), said.c_str());
     }
 }

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -169,6 +170,8 @@ class CrashClient {
     }
     unsigned Life() const { return life_; }
     unsigned Recoveries() const { return recoveries_; }
+    uint64_t BytesVerified() const { return bytesVerified_; }
+    uint64_t BytesSentAgain() const { return bytesSentAgain_; }
 
   private:
     void Work() {
@@ -249,6 +252,7 @@ class CrashClient {
         const Piece piece = ReadResults(*results);
         EXPECT_EQ(piece.status, 0u) << file.name;
         EXPECT_TRUE(piece.eof);
+        bytesVerified_ += piece.data.size();
         return piece.data;
     }
 
@@ -338,6 +342,7 @@ class CrashClient {
             const Changed changed = WriteResults(*results);
             EXPECT_EQ(changed.status, 0u) << file->name;
             lives_->SawVerifier(life_, changed.verifier);
+            bytesSentAgain_ += write.data.size();
         }
         if (!Commit(file)) return false;
         const std::string now = ReadWhole(*file, &answered);
@@ -408,6 +413,7 @@ class CrashClient {
     Random random_;
     const unsigned number_;
     unsigned life_ = 1, recoveries_ = 0;
+    uint64_t bytesVerified_ = 0, bytesSentAgain_ = 0;
     bool answered_ = true;
     std::vector<File> files_;
     std::string directoryName_, directory_;
@@ -439,21 +445,28 @@ TEST_P(Crash, WhatWasAnsweredAsDoneSurvivesTheDaemon) {
     for (CrashClient& client : clients) threads.emplace_back([&client] { client.Run(); });
 
     const auto end = IntegrityEnd(IsHardened(GetParam()) ? 0.3 : 0.2);
+    const char* wanted = getenv("OXEL_CRASH_ROUNDS");
+    const unsigned rounds = wanted != nullptr ? static_cast<unsigned>(atoi(wanted)) : 1;
     unsigned kills = 0;
     do {  // once at least, however busy the machine is
         // Now and then at once, while clients still recover.
         lives.WaitForOperations(1 + Below(random, Below(random, 4) == 0 ? 5 : 400));
         if (!lives.Renew(&daemon)) break;
         ++kills;
-    } while (std::chrono::steady_clock::now() < end && !testing::Test::HasFailure());
+    } while ((kills < rounds || (wanted == nullptr && std::chrono::steady_clock::now() < end)) &&
+             !testing::Test::HasFailure());
     lives.End();
     for (std::thread& thread : threads) thread.join();
     unsigned recoveries = 0;
+    uint64_t verified = 0, sentAgain = 0;
     for (CrashClient& client : clients) {
         client.ExpectEverythingAsAnswered(share, client.Life() != kills + 1);
         recoveries += client.Recoveries();
+        verified += client.BytesVerified();
+        sentAgain += client.BytesSentAgain();
     }
-    printf("%u lives, %u recoveries\n", kills + 1, recoveries);
+    printf("%u lives, %u recoveries, %llu bytes verified, %llu sent again\n", kills + 1, recoveries,
+           static_cast<unsigned long long>(verified), static_cast<unsigned long long>(sentAgain));
     EXPECT_GT(kills, 0u);
     EXPECT_GT(recoveries, 0u);
 }

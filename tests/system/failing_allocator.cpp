@@ -79,9 +79,13 @@ bool Fails(const void* caller) {
 }
 
 void* New(size_t bytes, const void* caller) {
-    void* memory = Fails(caller) ? nullptr : __libc_malloc(bytes == 0 ? 1 : bytes);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
+    for (;;) {
+        void* memory = Fails(caller) ? nullptr : __libc_malloc(bytes == 0 ? 1 : bytes);
+        if (memory != nullptr) return memory;
+        const std::new_handler handler = std::get_new_handler();
+        if (handler == nullptr) throw std::bad_alloc();
+        handler();
+    }
 }
 
 }  // namespace
