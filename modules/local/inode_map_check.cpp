@@ -9,9 +9,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -92,7 +94,12 @@ class Check {
 
   private:
     enum Which { kFreePages, kRecords };
+    enum class Bound { kKey, kFrom };
     using Page = std::vector<unsigned char>;
+    struct Child {
+        uint64_t number;
+        std::optional<std::string> from;  // its keys' lower bound; none for the first one of a page
+    };
 
     bool Wrong(const char* what) {
         reason_ = what;
@@ -145,23 +152,40 @@ class Check {
             return tree.depth == 0 && tree.entries == 0 ? true : Wrong("a tree has no root");
         }
         if (tree.depth == 0 || tree.depth > kDepthMax) return Wrong("a tree's depth cannot be");
-        // Pages to look at, with their levels; the leaves' level is 1.
-        std::vector<std::pair<uint64_t, uint16_t>> pending{{tree.root, tree.depth}};
+        // Pages to look at in the order of their keys, with their levels; the leaves' level is 1.
+        struct Pending {
+            Child page;
+            uint16_t level;
+        };
+        std::vector<Pending> pending{{{tree.root, std::nullopt}, tree.depth}};
+        last_.reset();
         while (!pending.empty()) {
-            const auto [number, level] = pending.back();
+            const auto [page, level] = std::move(pending.back());
             pending.pop_back();
-            if (!Take(number)) return false;
+            if (page.from && !Follows(*page.from, Bound::kFrom))
+                return Wrong("keys are disordered");
+            if (!Take(page.number)) return false;
             page_.resize(pageSize_);
-            if (!ReadAt(number * pageSize_, page_.data(), pageSize_)) return false;
-            std::vector<uint64_t> below;
-            if (!CheckPage(which, number, level == 1 ? kLeaf : kBranch, &below)) return false;
-            for (const uint64_t child : below)
-                pending.emplace_back(child, static_cast<uint16_t>(level - 1));
+            if (!ReadAt(page.number * pageSize_, page_.data(), pageSize_)) return false;
+            std::vector<Child> below;
+            if (!CheckPage(which, page.number, level == 1 ? kLeaf : kBranch, &below)) return false;
+            for (; !below.empty(); below.pop_back())
+                pending.push_back({std::move(below.back()), static_cast<uint16_t>(level - 1)});
         }
         return true;
     }
 
-    bool CheckPage(Which which, uint64_t number, uint16_t kind, std::vector<uint64_t>* below) {
+    // Keys come in order, over all pages: a search goes wrong where they do not. kFrom: the bound
+    // of a page, which is greater than all keys before it and may be the page's first one.
+    bool Follows(const std::string& key, Bound bound) {
+        const bool follows =
+            !last_ || key > *last_ || (key == *last_ && lastBound_ == Bound::kFrom);
+        last_ = key;
+        lastBound_ = bound;
+        return follows;
+    }
+
+    bool CheckPage(Which which, uint64_t number, uint16_t kind, std::vector<Child>* below) {
         PageHead head;
         memcpy(&head, page_.data(), sizeof head);
         if (head.number != number || head.flags != kind || head.lower < sizeof head ||
@@ -193,7 +217,7 @@ class Check {
     }
 
     bool CheckNode(Which which, uint16_t kind, uint16_t offset, bool first, size_t* bytes,
-                   std::vector<uint64_t>* below) {
+                   std::vector<Child>* below) {
         NodeHead node;
         memcpy(&node, page_.data() + offset, sizeof node);
         const bool big = kind == kLeaf && (node.flags & kBigData) != 0;
@@ -206,11 +230,14 @@ class Check {
         const bool looked = kind == kLeaf || !first;
         if (looked && (which == kFreePages ? node.keySize != sizeof(uint64_t) : node.keySize == 0))
             return false;
+        std::optional<std::string> key;
+        if (looked) key = KeyAt(which, offset + sizeof node, node.keySize);
         const unsigned char* content = page_.data() + offset + sizeof node + node.keySize;
         if (kind == kBranch) {
-            below->push_back(size | uint64_t{node.flags} << 32);
+            below->push_back({size | uint64_t{node.flags} << 32, std::move(key)});
             return true;
         }
+        if (!Follows(*key, Bound::kKey)) return Wrong("keys are disordered");
         if (which == kRecords) return node.flags == 0;
         if ((node.flags & ~kBigData) != 0 || size < sizeof(uint64_t) || size % 8 != 0) return false;
         std::vector<uint64_t> list(size / 8);
@@ -222,6 +249,15 @@ class Check {
             memcpy(list.data(), content, size);
         }
         return CheckFreeList(list);
+    }
+
+    // So that keys compare as bytes.
+    std::string KeyAt(Which which, size_t offset, size_t bytes) const {
+        std::string key(reinterpret_cast<const char*>(page_.data()) + offset, bytes);
+        // Transactions are numbers in the machine's order.
+        if (which == kFreePages && std::endian::native == std::endian::little)
+            std::reverse(key.begin(), key.end());
+        return key;
     }
 
     bool ReadOverflow(uint64_t page, size_t bytes, void* to) {
@@ -251,6 +287,8 @@ class Check {
     size_t pageSize_ = 0;
     Meta meta_{};
     std::vector<bool> seen_;
+    std::optional<std::string> last_;  // of the tree's keys so far
+    Bound lastBound_ = Bound::kKey;
     Page page_;
     std::string reason_;
 };

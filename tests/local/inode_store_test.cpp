@@ -353,6 +353,29 @@ TEST_F(InodeStoreTest, OneThatWasCutShortIsSetAside) {
     EXPECT_EQ(CountRight(10), 10u);
 }
 
+// A search in it would go astray: what was just set would not be found.
+TEST_F(InodeStoreTest, KeysOutOfOrderAreNoticed) {
+    Open();
+    Fill(4000);
+    store_.reset();
+    std::string data;
+    {
+        std::ifstream in(DataFile(), std::ios::binary);
+        data.assign(std::istreambuf_iterator<char>(in), {});
+    }
+    ASSERT_EQ(CheckInodeStoreFile(DataFile()), "");
+    constexpr char kLeaf = 2;
+    constexpr size_t kPageBytes = 4096, kFlagsAt = 10, kLowerAt = 12, kOffsetsAt = 16,
+                     kOffsetBytes = 2;
+    for (size_t page = 2 * kPageBytes; page < data.size(); page += kPageBytes)
+        if (data[page + kFlagsAt] == kLeaf &&
+            uint8_t(data[page + kLowerAt]) >= kOffsetsAt + 2 * kOffsetBytes)
+            std::swap_ranges(&data[page + kOffsetsAt], &data[page + kOffsetsAt + kOffsetBytes],
+                             &data[page + kOffsetsAt + kOffsetBytes]);
+    WriteFile(DataFile(), data, 0600);
+    EXPECT_EQ(CheckInodeStoreFile(DataFile()), "keys are disordered");
+}
+
 // Whatever the bytes say, the process goes on: either the damage is noticed, or it lies where it
 // does no harm.
 TEST_F(InodeStoreTest, NoDamageReachesTheProcess) {
