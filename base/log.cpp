@@ -14,11 +14,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 #include "base/log_clients.h"
 #include "base/log_text.h"
 #include "base/own_rights.h"
+#include "base/sync.h"
 #include "base/thread.h"
 #include "base/unique_fd.h"
 
@@ -84,7 +84,7 @@ void WriteAll(int fd, const char* data, size_t bytes) {
 class Destination {
   public:
     bool Open(const char* path, unsigned sizeMbMax) {
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         const bool toFile = path != nullptr && *path != '\0';
         if (toFile && !OpenFile(path)) return false;
         path_ = toFile ? path : "";
@@ -98,18 +98,18 @@ class Destination {
     }
 
     bool Reopen() {
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         return path_.empty() || OpenFile(path_.c_str());
     }
 
     void Write(const char* line, size_t bytes) {
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         WriteLocked(line, bytes);
     }
 
     // True when the line went to standard error.
     bool WriteEvent(const char* line, size_t bytes) {
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         if (opened_) {
             WriteLocked(line, bytes);
             return !file_;
@@ -119,9 +119,9 @@ class Destination {
     }
 
   private:
-    int Descriptor() const { return file_ ? file_.Get() : STDERR_FILENO; }
+    int Descriptor() const REQUIRES(mutex_) { return file_ ? file_.Get() : STDERR_FILENO; }
 
-    bool OpenFile(const char* path) {
+    bool OpenFile(const char* path) REQUIRES(mutex_) {
         UniqueFd fd(open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0644));
         if (!fd) return false;
         struct stat status;
@@ -130,13 +130,13 @@ class Destination {
         return true;
     }
 
-    void WriteLocked(const char* line, size_t bytes) {
+    void WriteLocked(const char* line, size_t bytes) REQUIRES(mutex_) {
         if (file_ && bytesMax_ != 0 && bytes_ > bytesMax_) Rotate();
         WriteAll(Descriptor(), line, bytes);
         bytes_ += bytes;
     }
 
-    void Rotate() {
+    void Rotate() REQUIRES(mutex_) {
         const OwnRights own;
         const std::string old = path_ + ".old";
         if (rename(path_.c_str(), old.c_str()) != 0 || !OpenFile(path_.c_str())) {
@@ -145,14 +145,13 @@ class Destination {
         }
     }
 
-    std::mutex mutex_;
-    // All below guarded by mutex_.
-    UniqueFd file_;  // empty: standard error
-    std::string path_;
-    uint64_t bytes_ = 0;
-    uint64_t bytesMax_ = 0;
-    bool opened_ = false;
-    std::string pending_;
+    XoCriticalSection mutex_;
+    UniqueFd file_ GUARDED_BY(mutex_);  // empty: standard error
+    std::string path_ GUARDED_BY(mutex_);
+    uint64_t bytes_ GUARDED_BY(mutex_) = 0;
+    uint64_t bytesMax_ GUARDED_BY(mutex_) = 0;
+    bool opened_ GUARDED_BY(mutex_) = false;
+    std::string pending_ GUARDED_BY(mutex_);
 };
 
 // Never destroyed: threads may still log while the process ends.
@@ -162,8 +161,9 @@ Destination& TheDestination() {
 }
 
 struct Sink {
-    std::mutex mutex;  // calls of the sink come one at a time, and none after it was removed
-    std::function<void(const LogRecord&)> function;
+    // Calls of the sink come one at a time, and none after it was removed.
+    XoCriticalSection mutex;
+    std::function<void(const LogRecord&)> function GUARDED_BY(mutex);
 };
 
 Sink& TheSink() {
@@ -177,7 +177,7 @@ std::atomic<bool> gSinkSet{false};
 bool GiveToSink(const LogRecord& record) {
     if (!gSinkSet.load(std::memory_order_acquire)) return false;
     Sink& sink = TheSink();
-    std::lock_guard<std::mutex> lock(sink.mutex);
+    XoCriticalSectionGuard lock(sink.mutex);
     if (!sink.function) return false;
     sink.function(record);
     return true;
@@ -272,7 +272,7 @@ bool LogWriter::WriteEvent(const char* function, const char* text) {
 
 void LogWriter::SetSink(std::function<void(const LogRecord&)> function) {
     Sink& sink = TheSink();
-    std::lock_guard<std::mutex> lock(sink.mutex);
+    XoCriticalSectionGuard lock(sink.mutex);
     sink.function = std::move(function);
     gSinkSet.store(static_cast<bool>(sink.function), std::memory_order_release);
 }

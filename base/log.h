@@ -48,7 +48,7 @@ class LogWriter {
     static bool WriteEvent(const char* function, const char* text);
 
     // Tests see every message through a sink instead of the file; an empty function removes it.
-    static void SetSink(std::function<void(const LogRecord&)> sink);
+    static void SetSink(std::function<void(const LogRecord&)> function);
 
   private:
     static std::atomic<int> level_;

@@ -7,10 +7,10 @@
 #include <array>
 #include <atomic>
 #include <cstring>
-#include <mutex>
 #include <new>
 
 #include "base/repeat_limit.h"
+#include "base/sync.h"
 
 namespace oxel {
 
@@ -39,7 +39,7 @@ class LogPlace {
     void SumUp(bool atOnce) { Say(limit_.TakeUntold(CoarseSeconds(), atOnce)); }
     void Remember(const char* text) {
         const size_t bytes = strnlen(text, kExampleBytesMax);
-        std::lock_guard<std::mutex> lock(mutex_);
+        XoCriticalSectionGuard lock(mutex_);
         memcpy(example_, text, bytes);
         example_[bytes] = '\0';
     }
@@ -49,7 +49,7 @@ class LogPlace {
         if (untold == 0) return;
         char example[sizeof example_];
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            XoCriticalSectionGuard lock(mutex_);
             memcpy(example, example_, sizeof example);
         }
         const ClientsLog clients;  // who made the example
@@ -61,8 +61,8 @@ class LogPlace {
     const char* const function_;
     const char* const format_;
     RepeatLimit limit_;
-    std::mutex mutex_;
-    char example_[kExampleBytesMax + 1] = {};  // guarded by mutex_
+    XoCriticalSection mutex_;
+    char example_[kExampleBytesMax + 1] GUARDED_BY(mutex_) = {};
 };
 
 namespace {
