@@ -160,8 +160,8 @@ class Storm : public Data {
             const RpcReply reply = client->nfs.Connection().Call(call);
             EXPECT_EQ(reply.xid, call.xid);
             if (testing::Test::HasFailure()) break;
-            last = std::to_string(reply.acceptStat) + " " + Hex(reply.results);
             if (reply.Success() && XdrReader(reply.results).U32() == 0) return reply.results;
+            last = std::to_string(reply.acceptStat) + " " + Hex(reply.results);
         }
         ADD_FAILURE() << "procedure " << procedure
                       << " never succeeds, the last accept_stat and results " << last;
