@@ -138,7 +138,7 @@ UniqueFd ConnectUnix(const std::string& path, const Deadline& deadline) {
     if (!fd) return UniqueFd();
     // Connecting waits only when the listener's backlog is full.
     const int waitMs = deadline ? std::max(PollMs(deadline), 1) : 0;
-    const timeval timeout = {waitMs / 1000, waitMs % 1000 * 1000};
+    const timeval timeout = {waitMs / 1000, waitMs % 1000 * 1000L};
     if (setsockopt(fd.Get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0)
         return UniqueFd();
     int result = 0;

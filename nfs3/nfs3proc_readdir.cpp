@@ -113,6 +113,7 @@ bool_t FillRDirP3FailRes(READDIR3res* result, nfsstat3 status) {
     return TRUE;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the converters are called as they always were
 bool_t FSDirEntToNFSDirEnt(OxelCtxt& ctxt, struct dirent* entry, dirlist3* link, BkEndProcPtr dir) {
     auto made = NewEntry<entry3>(entry->d_name);
     made->fileid = entry->d_ino;
@@ -221,6 +222,7 @@ bool_t FillRDirP3FailRes(READDIRPLUS3res* result, nfsstat3 status) {
 }
 
 bool_t FSDirEntToNFSDirEnt(OxelCtxt& ctxt, struct dirent* entry, dirlistplus3* link,
+                           // NOLINTNEXTLINE(performance-unnecessary-value-param): as above
                            BkEndProcPtr dir) {
     auto made = NewEntry<entryplus3>(entry->d_name);
     made->name_handle.handle_follows = TRUE;
