@@ -14,7 +14,8 @@ for preset in "$@"; do
   cmake --build --preset "$preset" >"build/build-$preset.log" 2>&1 ||
     { grep -aE 'error|FAILED' -A 10 "build/build-$preset.log" | head -n 60; exit 1; }
   echo "== $preset: test"
-  ctest --test-dir "build/$preset" --output-on-failure || failed+=("$preset")
+  # Two at a time: most of them wait for a daemon or a disk.
+  ctest --test-dir "build/$preset" --parallel 2 --output-on-failure || failed+=("$preset")
 done
 if [[ ${#failed[@]} -gt 0 ]]; then
   echo "Tests failed under: ${failed[*]}" >&2
