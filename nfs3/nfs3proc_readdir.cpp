@@ -113,7 +113,7 @@ bool_t FillRDirP3FailRes(READDIR3res* result, nfsstat3 status) {
     return TRUE;
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the converters are called as they always were
+// NOLINTNEXTLINE(performance-unnecessary-value-param): as their callers have it
 bool_t FSDirEntToNFSDirEnt(OxelCtxt& ctxt, struct dirent* entry, dirlist3* link, BkEndProcPtr dir) {
     auto made = NewEntry<entry3>(entry->d_name);
     made->fileid = entry->d_ino;
