@@ -42,7 +42,8 @@ constexpr StatusOfErrno kStatusRows[] = {
 };
 
 // The rows by errno; an errno without a row is its own status. That a client sees 11 for EAGAIN or
-// 122 for EDQUOT is meant: clients map such numbers back to the errno they are.
+// 122 for EDQUOT is meant: the number still tells what went wrong to who looks at the wire, though
+// Linux makes EIO of those that version 3 does not have.
 constexpr auto kStatusByErrno = []() {
     std::array<nfsstat3, ENOTEMPTY + 1> table{};
     for (size_t err = 0; err < table.size(); ++err) table[err] = static_cast<nfsstat3>(err);
