@@ -39,7 +39,8 @@ int Usage(const std::string& what) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+// What throws where nothing is caught is memory that is short.
+int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
     Settings settings;
     // The parser knows words behind two dashes only, so "-vm NAME" is taken out before it looks.
     const int given = argc;

@@ -23,6 +23,7 @@ void PrintTable(const Rows& rows) {
 void PrintColumns(const std::vector<std::string>& heading,
                   const std::vector<std::vector<std::string>>& rows) {
     std::vector<size_t> widths;
+    widths.reserve(heading.size());
     for (const std::string& title : heading) widths.push_back(title.size());
     for (const auto& row : rows)
         for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
