@@ -65,10 +65,10 @@ int FdCache::Add(const CacheKey& key, oxel::UniqueFd fd) {
     std::shared_ptr<CachedFdItem> known;
     XoCriticalSectionGuard guard(section_);
     if (list_.find(key, &known)) return Use(known);
-    const int used = Use(item);
-    ++entries_;
+    // In this order: a use that nobody has been told of would never be released.
     list_.insert(key, item, 1, &evicted);
-    return used;
+    ++entries_;
+    return Use(item);
 }
 
 bool FdCache::Release(int fd) {

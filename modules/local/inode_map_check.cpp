@@ -196,8 +196,8 @@ class Check {
             return Wrong("a page is damaged");
         }
         std::vector<uint16_t> offsets((head.lower - sizeof head) / 2);
-        memcpy(offsets.data(), page_.data() + sizeof head, offsets.size() * 2);
         if (offsets.size() < (kind == kBranch ? 2u : 1u)) return Wrong("a page is empty");
+        memcpy(offsets.data(), page_.data() + sizeof head, offsets.size() * 2);
         // In the order in which they lie, nodes fill the page's end without a gap.
         bool first = true;
         std::vector<std::pair<uint16_t, size_t>> spans;

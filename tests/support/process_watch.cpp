@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <string>
 #include <system_error>
 
@@ -47,6 +48,16 @@ size_t OpenDescriptors(pid_t pid) {
     std::filesystem::directory_iterator entries(Process(pid) + "/fd", error);
     EXPECT_FALSE(error) << error.message();
     return error ? 0 : static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
+std::string DescriptorList(pid_t pid) {
+    std::error_code error;
+    std::multiset<std::string> targets;
+    for (const auto& entry : std::filesystem::directory_iterator(Process(pid) + "/fd", error))
+        targets.insert(std::filesystem::read_symlink(entry.path(), error).string());
+    std::string list;
+    for (const std::string& target : targets) list += target + "\n";
+    return list;
 }
 
 }  // namespace oxel::test

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace oxel::test {
 
@@ -17,5 +18,7 @@ uint64_t PeakResidentKiB(pid_t pid);
 void ForgetPeak(pid_t pid);
 
 size_t OpenDescriptors(pid_t pid);
+// What they lead to, sorted, one a line: for a test that has found too many.
+std::string DescriptorList(pid_t pid);
 
 }  // namespace oxel::test
