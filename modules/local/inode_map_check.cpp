@@ -129,7 +129,10 @@ class Check {
         }
         if (!ReadMetaAt(pageSize_, &other)) return false;
         if (other.trees[kFreePages].pageSize != pageSize_) return Wrong("its page sizes differ");
-        if (other.transaction > meta_.transaction) meta_ = other;
+        const bool second = other.transaction > meta_.transaction;
+        if (second) meta_ = other;
+        // LMDB looks for the state of a transaction on the page that its number's last bit says.
+        if ((meta_.transaction & 1) != second) return Wrong("its states are mixed up");
         if (meta_.lastPage < 1 || meta_.lastPage > INT64_MAX / pageSize_) {
             return Wrong("its size cannot be");
         }

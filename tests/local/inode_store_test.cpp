@@ -376,6 +376,25 @@ TEST_F(InodeStoreTest, KeysOutOfOrderAreNoticed) {
     EXPECT_EQ(CheckInodeStoreFile(DataFile()), "keys are disordered");
 }
 
+// The database would use the other state, whose pages have been given away since.
+TEST_F(InodeStoreTest, AStateOnTheWrongPageIsNoticed) {
+    constexpr size_t kPageBytes = 4096, kTransactionAt = 16 + 128;
+    Open();
+    Fill(100);
+    store_.reset();
+    std::string data;
+    {
+        std::ifstream in(DataFile(), std::ios::binary);
+        data.assign(std::istreambuf_iterator<char>(in), {});
+    }
+    for (const size_t page : {0, 1}) {
+        std::string changed = data;
+        changed[page * kPageBytes + kTransactionAt] = static_cast<char>(0x70 + 1 - page);
+        WriteFile(DataFile(), changed, 0600);
+        EXPECT_EQ(CheckInodeStoreFile(DataFile()), "its states are mixed up") << page;
+    }
+}
+
 // Whatever the bytes say, the process goes on: either the damage is noticed, or it lies where it
 // does no harm.
 TEST_F(InodeStoreTest, NoDamageReachesTheProcess) {
