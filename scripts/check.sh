@@ -43,7 +43,11 @@ analyse() {
 
 read_scripts() {
   # Those that are sourced are read where they are sourced.
-  git grep -lzE '^#!.*bash' -- '*.sh' | xargs -0 shellcheck -x -a -P SCRIPTDIR:.
+  local script scripts=()
+  while read -r script; do
+    [[ "$(head -n 1 "$script")" != '#!'*bash ]] || scripts+=("$script")
+  done < <(git ls-files '*.sh')
+  shellcheck -x -a -P SCRIPTDIR:. "${scripts[@]}"
 }
 
 check clang compile

@@ -20,9 +20,11 @@ seconds=${1:-1800} failed=0
 [[ "$seconds" =~ ^[0-9]+$ ]] || { sed -n '6,7s/^# \{0,1\}//p' "$0" >&2; exit 2; }
 
 build() {
-  cmake --preset "$1" >"$out/configure-$1.log" 2>&1 &&
-    cmake --build --preset "$1" --target "${@:2}" >"$out/build-$1.log" 2>&1 ||
-    { tail -n 20 "$out/build-$1.log" >&2; exit 1; }
+  if ! cmake --preset "$1" >"$out/configure-$1.log" 2>&1 ||
+    ! cmake --build --preset "$1" --target "${@:2}" >"$out/build-$1.log" 2>&1; then
+    tail -n 20 "$out/configure-$1.log" "$out/build-$1.log" >&2 || true
+    exit 1
+  fi
 }
 # run NAME command...: its last telling line behind its name.
 run() {
