@@ -4,7 +4,6 @@
 // Ends with 0 when what it looked for holds, otherwise with a line that says what does not.
 #include "tests/kernel/probe.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -12,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -110,11 +110,11 @@ void Unlinked(const char* folder) {
 
 std::map<std::string, unsigned> Names(const char* folder) {
     std::map<std::string, unsigned> names;
-    DIR* directory = opendir(folder);
-    DEMAND(directory != nullptr);
-    errno = 0;
-    while (const dirent* entry = readdir(directory)) ++names[entry->d_name];
-    DEMAND(errno == 0 && closedir(directory) == 0);
+    std::error_code error;
+    std::filesystem::directory_iterator entry(folder, error);
+    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error))
+        ++names[entry->path().filename()];
+    DEMAND(!error);
     return names;
 }
 

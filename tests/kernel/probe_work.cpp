@@ -2,10 +2,10 @@
 //
 // Work that goes on while the server comes and goes. Everything that a call has acknowledged must
 // be there in the end, and what has been removed must not.
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <set>
 #include <string>
 
@@ -80,11 +80,11 @@ class Worker {
 
     void Compare() {
         std::set<std::string> found;
-        DIR* directory = opendir(folder_.c_str());
-        DEMAND(directory != nullptr);
-        while (const dirent* entry = readdir(directory))
-            if (entry->d_name[0] != '.') DEMAND(found.insert(entry->d_name).second);
-        closedir(directory);
+        for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
+            const std::string name = entry.path().filename();
+            // What the client keeps for a file that is removed while it is open has a dot.
+            if (name[0] != '.') DEMAND(found.insert(name).second);
+        }
         DEMAND(found == names_);
         for (const std::string& name : names_) {
             const unsigned number = static_cast<unsigned>(std::stoul(name.substr(4)));
