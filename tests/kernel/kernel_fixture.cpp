@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// Starting the daemon and the kernel, and mounting the shares.
 #include "tests/kernel/kernel_fixture.h"
 
 #include <sys/mount.h>

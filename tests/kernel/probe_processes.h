@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// Several processes of oxel_probe at once.
 #pragma once
 
 #include <sys/wait.h>
