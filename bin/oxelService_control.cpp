@@ -98,4 +98,5 @@ void InstallControlHandlers() {
     oxel::SetControlHandler("perf", Perf);
     oxel::SetControlHandler("stop", Stop);
     InstallShareControlHandlers();
+    InstallCallControlHandlers();
 }
