@@ -16,6 +16,7 @@
 #include "backend/ExportCache.h"
 #include "backend/exports_client.h"
 #include "backend/exports_words.h"
+#include "base/nearest_word.h"
 #include "base/unique_fd.h"
 
 namespace oxel {
