@@ -126,6 +126,8 @@ RPCServiceArgs::Dispatcher MountDispatcher();
 // Gives the companion service the answers to status, perf, log-level and stop, and to what
 // InstallShareControlHandlers() adds.
 void InstallControlHandlers();
+// The state in words.
+const char* StateText(OxelServiceStatus state);
 // exports, mounts and reload (oxelService_shares.cpp).
 void InstallShareControlHandlers();
 // Reads the exports file of the instance anew; the log has the outcome. Any thread.
