@@ -126,6 +126,8 @@ RPCServiceArgs::Dispatcher MountDispatcher();
 // Gives the companion service the answers to status, perf, log-level and stop, and to what
 // the two below add.
 void InstallControlHandlers();
+// The state in words.
+const char* StateText(OxelServiceStatus state);
 // exports, mounts and reload (oxelService_shares.cpp).
 void InstallShareControlHandlers();
 // stats and clients (oxelService_stats.cpp).
