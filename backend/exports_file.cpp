@@ -16,6 +16,7 @@
 #include "backend/ExportCache.h"
 #include "backend/exports_client.h"
 #include "backend/exports_words.h"
+#include "backend/module_names.h"
 #include "base/nearest_word.h"
 #include "base/unique_fd.h"
 
@@ -32,6 +33,21 @@ uint32_t DefaultShareId(const std::string& path) {
     for (char byte : path) hash = (hash ^ static_cast<unsigned char>(byte)) * 16777619u;
     // 0 is no share id.
     return hash != 0 ? hash : 1;
+}
+
+// Null when there is no such module.
+static const ModuleName* FindModule(const std::string& name) {
+    for (const ModuleName& module : ModuleNames())
+        if (name == module.name) return &module;
+    return nullptr;
+}
+
+// "; did you mean 'local'?"; the only module is meant whatever is written.
+static std::string ModuleHint(const std::string& name) {
+    std::vector<std::string> names;
+    for (const ModuleName& module : ModuleNames()) names.emplace_back(module.name);
+    if (names.size() == 1) return "; did you mean '" + names[0] + "'?";
+    return DidYouMean(name, names);
 }
 
 std::string ErrorText(const ExportsError& error) {
@@ -108,7 +124,9 @@ void ExportsParser::ParseLine(const ExportsLine& line) {
     if (share_.directory.empty()) share_.directory = share_.path;
     if (share_.id == 0) share_.id = DefaultShareId(share_.path);
     CheckUnique(line.line);
-    if (lineErrors_ == 0 && checkDirectories_) CheckDirectory(line.line);
+    const ModuleName* module = FindModule(share_.module);
+    if (lineErrors_ == 0 && checkDirectories_ && module != nullptr && module->servesDirectory)
+        CheckDirectory(line.line);
     if (lineErrors_ != 0) return;
     linesByPath_[share_.path] = line.line;
     sharesById_[share_.id] = result_.shares.size();
@@ -172,8 +190,8 @@ void ExportsParser::ParseShareOption(const ExportsWord& option) {
             Error(line, "option 'dir': the path is too long");
         share_.directory = value;
     } else if (name == "module") {
-        if (value != "local")
-            Error(line, "unknown module " + QuoteForError(value) + "; did you mean 'local'?");
+        if (FindModule(value) == nullptr)
+            Error(line, "unknown module " + QuoteForError(value) + ModuleHint(value));
         share_.module = value;
     } else if (name == "id") {
         if (!ParseDecimal(value, UINT32_MAX, &share_.id) || share_.id == 0)
