@@ -26,6 +26,7 @@
 #include "bin/modules.h"
 #include "bin/oxelService.h"
 #include "bin/oxelService_limits.h"
+#include "bin/oxelService_metrics.h"
 #include "bin/oxelService_notify.h"
 #include "companion/PellService.h"
 
@@ -239,6 +240,7 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
     if (!oxel::StartPellService(paths.controlSocket))
         OXEL_LOG(-1, "Error: No control socket at [%s]. [%s]. oxelctl will not reach this daemon.",
                  paths.controlSocket.c_str(), strerror(errno));
+    StartMetrics();
 
     DecideOnNetworkServices(__PRETTY_FUNCTION__);
     if (!OxelServiceGlobals::doNotStartNFSServices) {
