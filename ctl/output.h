@@ -31,4 +31,11 @@ std::string Shown(const nlohmann::json& object, const char* member);
 // "3 days 04:05:06"; "-" when it is not a number of seconds.
 std::string ShownDuration(const nlohmann::json& object, const char* member);
 
+// The options of a client's rule that are not the default: "rw,insecure".
+std::string OptionsText(const nlohmann::json& rule);
+
+// What a reload changes, or would change; false, with nothing printed, when it is nothing.
+// verbs_shares.cpp
+bool PrintChanges(const nlohmann::json& body);
+
 }  // namespace oxel::ctl

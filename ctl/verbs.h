@@ -3,6 +3,7 @@
 // What oxelctl can ask a daemon for.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -22,10 +23,14 @@ struct Settings {
     bool json = false;
     std::optional<int> level;         // log-level
     bool registerPortMapper = false;  // start-network
+    struct {
+        std::string address, path, file;
+        std::optional<uint64_t> port, uid;
+    } why;
 };
 
-// Reads the files of the instance itself; every other verb makes one request to the daemon. Each
-// prints the answer and says how it went.
+// Each makes one request to the daemon, prints the answer and says how it went. Check reads the
+// files of the instance itself, and asks the daemon only what a reload would do.
 ExitCode Check(const Settings& settings);
 ExitCode Status(const Settings& settings);
 ExitCode Perf(const Settings& settings);
@@ -36,5 +41,7 @@ ExitCode Stop(const Settings& settings);
 ExitCode Exports(const Settings& settings);
 ExitCode Mounts(const Settings& settings);
 ExitCode Reload(const Settings& settings);
+// why.cpp. With a file it asks no daemon.
+ExitCode Why(const Settings& settings);
 
 }  // namespace oxel::ctl
