@@ -2,9 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages that building, testing and running need; does nothing when they are
 # there. As root, or through sudo.
-#   scripts/install-packages.sh [bench|check|fuzz]
+#   scripts/install-packages.sh [bench|check|fuzz|package]
 #     bench: only the peer and the plotter of the benchmarks; check: only the static checks' programs;
-#     fuzz: only the compiler for fuzzing
+#     fuzz: only the compiler for fuzzing; package: only what makes and tries the Debian package
 set -euo pipefail
 cd "$(dirname "$0")/.."
 mkdir -p build
@@ -21,6 +21,7 @@ packages=(
 [[ "${1:-}" != bench ]] || packages=(nfs-ganesha nfs-ganesha-vfs rpcbind gnuplot-nox)
 [[ "${1:-}" != check ]] || packages=(clang clang-tidy clang-format cppcheck shellcheck)
 [[ "${1:-}" != fuzz ]] || packages=(clang libclang-rt-14-dev)
+[[ "${1:-}" != package ]] || packages=(debhelper dpkg-dev fakeroot lintian mmdebstrap user-mode-linux systemd)
 
 missing=()
 for package in "${packages[@]}"; do
