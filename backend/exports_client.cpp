@@ -11,6 +11,8 @@
 #include <cstring>
 #include <set>
 
+#include "base/nearest_word.h"
+
 namespace oxel {
 
 // (uid_t)-1 means "leave as it is" to the calls that switch identities.

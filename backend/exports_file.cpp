@@ -17,6 +17,7 @@
 #include "backend/exports_client.h"
 #include "backend/exports_words.h"
 #include "backend/module_names.h"
+#include "base/nearest_word.h"
 #include "base/unique_fd.h"
 
 namespace oxel {

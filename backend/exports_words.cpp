@@ -4,7 +4,6 @@
 #include "backend/exports_words.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdint>
 
 #include "base/log.h"
@@ -165,40 +164,6 @@ std::string QuoteForError(const std::string& word) {
     std::string shown = word.substr(0, kQuotedBytesMax);
     if (shown.size() < word.size()) shown += "...";
     return "'" + EscapeControl(shown) + "'";
-}
-
-// How many bytes must be put in, taken out, changed or swapped with their neighbour.
-static size_t EditDistance(const std::string& a, const std::string& b) {
-    std::vector<std::vector<size_t>> cost(a.size() + 1, std::vector<size_t>(b.size() + 1));
-    for (size_t i = 0; i <= a.size(); ++i) cost[i][0] = i;
-    for (size_t j = 0; j <= b.size(); ++j) cost[0][j] = j;
-    for (size_t i = 1; i <= a.size(); ++i) {
-        for (size_t j = 1; j <= b.size(); ++j) {
-            size_t change = a[i - 1] == b[j - 1] ? 0 : 1;
-            cost[i][j] =
-                std::min({cost[i - 1][j] + 1, cost[i][j - 1] + 1, cost[i - 1][j - 1] + change});
-            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
-                cost[i][j] = std::min(cost[i][j], cost[i - 2][j - 2] + 1);
-        }
-    }
-    return cost[a.size()][b.size()];
-}
-
-std::string DidYouMean(const std::string& word, const std::vector<std::string>& valid) {
-    if (word.empty() || word.size() > 64) return "";
-    std::string lower = word;
-    for (char& byte : lower)
-        byte = static_cast<char>(std::tolower(static_cast<unsigned char>(byte)));
-    std::string best;
-    size_t bestDistance = std::max<size_t>(2, word.size() / 3) + 1;
-    for (const std::string& candidate : valid) {
-        size_t distance = EditDistance(lower, candidate);
-        if (distance < bestDistance && distance < std::max(word.size(), candidate.size())) {
-            best = candidate;
-            bestDistance = distance;
-        }
-    }
-    return best.empty() ? "" : "; did you mean '" + best + "'?";
 }
 
 bool ParseDecimal(const std::string& text, uint32_t max, uint32_t* out) {

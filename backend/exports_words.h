@@ -71,10 +71,6 @@ class ExportsLineReader {
 // `word` in quotes for an error message, cut when it is long, control characters escaped.
 std::string QuoteForError(const std::string& word);
 
-// "; did you mean 'rw'?" with the word of `valid` that is nearest to `word`, or "" when none is
-// near enough to be meant.
-std::string DidYouMean(const std::string& word, const std::vector<std::string>& valid);
-
 // Decimal digits and nothing else, at most `max`; false otherwise, with *out untouched.
 bool ParseDecimal(const std::string& text, uint32_t max, uint32_t* out);
 

@@ -62,6 +62,11 @@ std::vector<ServedShare> ShareSet::All() {
     return shares_;
 }
 
+size_t ShareSet::Count() {
+    XoCriticalSectionGuard lock(section_);
+    return shares_.size();
+}
+
 // What tells two lines of one share apart.
 static ShareChange Difference(const ShareConfig& before, const ShareConfig& now) {
     ShareChange change{now.path, now.id, {}, true};

@@ -53,6 +53,7 @@ class ShareSet {
     ReloadResult Reload(const std::string& exportsFile);
     // In the order of the file. Does not wait for a reload.
     std::vector<ServedShare> All();
+    size_t Count();
 
   private:
     void Serve(std::vector<ServedShare> shares) REQUIRES(reloadSection_);

@@ -7,7 +7,6 @@
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +20,7 @@
 #include <map>
 
 #include "base/log.h"
+#include "base/service_manager.h"
 #include "base/store.h"
 #include "base/sync.h"
 #include "base/thread.h"
@@ -187,7 +187,7 @@ int BasicInit() {
 }
 
 int AdvancedInit() {
-    const int result = sd_notify(0, "READY=1");
+    const int result = oxel::TellReady();
     // Not worth ending for: the manager that is not reached ends the daemon by its own rules.
     if (result < 0) OXEL_LOG(0, "The service manager cannot be told: %s", strerror(-result));
     return 1;

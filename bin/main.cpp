@@ -26,11 +26,13 @@
 #include "bin/modules.h"
 #include "bin/oxelService.h"
 #include "bin/oxelService_limits.h"
+#include "bin/oxelService_metrics.h"
+#include "bin/oxelService_notify.h"
 #include "companion/PellService.h"
 
 static constexpr unsigned kFatalErrorEvent = 0x5B0000E7;
 static constexpr unsigned kProgramId = 0x1A90B226;
-static constexpr uint32_t kIdleMs = 2000, kLastCallsMs = 5000;
+static constexpr uint32_t kIdleMs = 2000, kLastCallsMs = 5000, kManagerMs = 500;
 
 void PrintUsage() {
     EvDebug::Debug("PrintUsage", "Usage: oxelnfsd -cn <clientname> -vm <Instance>");
@@ -144,6 +146,7 @@ static sigset_t HandledSignals() {
     static std::atomic<bool> leaving{false};
     if (leaving.exchange(true))
         for (;;) pause();  // the other thread is about to end the process
+    StopNotifying(kManagerMs);
     // The receive loop takes the control socket away; it needs a moment, not a whole cycle.
     WaitForReceiveLoop(loopWaitMs);
     // A client sends again what has no answer. A RENAME that was done and is done again fails, so
@@ -232,10 +235,12 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
     XoThread reloadThread;  // not before there are shares; a SIGHUP until then is waiting for it
     if (!reloadThread.start("RELOAD", ReloadWhenAsked, nullptr)) exitOnFatalError("ReloadThread");
     InstallControlHandlers();
+    StartNotifying();
     const oxel::InstancePaths paths(instance);
     if (!oxel::StartPellService(paths.controlSocket))
         OXEL_LOG(-1, "Error: No control socket at [%s]. [%s]. oxelctl will not reach this daemon.",
                  paths.controlSocket.c_str(), strerror(errno));
+    StartMetrics();
 
     DecideOnNetworkServices(__PRETTY_FUNCTION__);
     if (!OxelServiceGlobals::doNotStartNFSServices) {
@@ -255,6 +260,7 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
     else
         OXEL_LOG(-1, "Error: No Korvane-oxelnfsdService lock. [%s]", strerror(errno));
     if (AdvancedInit() != 1) exitOnFatalError("AdvancedInit");
+    RefreshStatusLine();
 
     while (OxelServiceGlobals::exitProcess == 0) LUSLEEP(kIdleMs);
     Leave(&lock, kIdleMs);

@@ -124,10 +124,14 @@ RPCServiceArgs::Dispatcher MountDispatcher();
 // ---- Control verbs (oxelService_control.cpp) ----
 
 // Gives the companion service the answers to status, perf, log-level and stop, and to what
-// InstallShareControlHandlers() adds.
+// the two below add.
 void InstallControlHandlers();
+// The state in words.
+const char* StateText(OxelServiceStatus state);
 // exports, mounts and reload (oxelService_shares.cpp).
 void InstallShareControlHandlers();
+// stats and clients (oxelService_stats.cpp).
+void InstallCallControlHandlers();
 // Reads the exports file of the instance anew; the log has the outcome. Any thread.
 void ReloadShares();
 // The orderly end of the process: sets the stop flag and ends every wait. Any thread.

@@ -12,6 +12,8 @@
 #include <new>
 #include <type_traits>
 
+#include "base/perf_counter.h"
+
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>
 #endif
@@ -142,11 +144,11 @@ TMemPool<T>::~TMemPool() {
 template <typename T>
 void TMemPool<T>::Init(int count) {
     XoCriticalSectionGuard hold(lock_);
+    all_.reserve(all_.size() + static_cast<size_t>(count));
     for (int i = 0; i < count; ++i) {
         auto record = std::make_unique<T>();
         free_.push_back(record.get());
-        (void)record.release();  // the list owns it now
-        ++total_;
+        all_.push_back(record.release());  // the list owns it now
     }
 }
 
@@ -181,6 +183,7 @@ T* TMemPool<T>::Take(typename std::list<T*>::iterator node) {
 template <typename T>
 T* TMemPool<T>::Pop() {
     lock_.enter();
+    const uint64_t began = free_.empty() ? oxel::MonotonicNanoseconds() : 0;
     while (free_.empty()) {
         ++waiters_;
         lock_.leave();
@@ -192,6 +195,7 @@ T* TMemPool<T>::Pop() {
     const bool passOn = waiters_ != 0 && !free_.empty();
     lock_.leave();
     if (passOn) available_.set();
+    if (began != 0) CountWait(oxel::MonotonicNanoseconds() - began);
     return record;
 }
 
@@ -204,13 +208,19 @@ T* TMemPool<T>::TryPopRecent() {
 template <typename T>
 size_t TMemPool<T>::Total() const {
     XoCriticalSectionGuard hold(lock_);
-    return total_;
+    return all_.size();
 }
 
 template <typename T>
 size_t TMemPool<T>::Free() const {
     XoCriticalSectionGuard hold(lock_);
     return free_.size();
+}
+
+template <typename T>
+std::vector<const T*> TMemPool<T>::All() const {
+    XoCriticalSectionGuard hold(lock_);
+    return all_;
 }
 
 template class TMemPool<CallInfo3>;

@@ -6,18 +6,22 @@
 
 #include <rpc/rpc.h>
 
+#include <atomic>
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <vector>
 
 #include "backend/Export.h"
 #include "backend/IdInfo.h"
 #include "backend/OxelServiceGlobals.h"
+#include "base/latency_histogram.h"
 #include "base/sync.h"
 #include "mount3/mount3types.h"
 #include "nfs3/nfs3types.h"
 
 struct CallInfo3;
+struct ClientAccount;
 
 // All that is known of one procedure. Row i of a table is procedure i.
 struct ProcedureRow {
@@ -115,6 +119,10 @@ struct CallInfo3 {
     ExportPtr exportPtr;      // the share that the call resolved
     uint32_t replyBytes = 0;  // payload beyond the row's fixed size
 
+    // The account of calls; written by the call, and looked at by whoever asks what is under way.
+    std::atomic<uint64_t> began{0};  // MonotonicNanoseconds() of its dispatching; 0: no call
+    std::atomic<ClientAccount*> client{nullptr};  // null: none, or memory was short
+
     // The arguments end in the WRITE data area, so they lie in memory of their own.
     CallArguments3& arguments() { return *arguments_; }
 
@@ -161,6 +169,12 @@ class TMemPool {
     // Records made by Init, and those of them that are free now.
     size_t Total() const;
     size_t Free() const;
+    // All records made by Init: they are never given back to the system, and a call may have each.
+    std::vector<const T*> All() const;
+
+    // How long callers of Pop() had to wait, and others that tell so; only those that had to.
+    void CountWait(uint64_t nanoseconds) { waits_.Add(nanoseconds); }
+    oxel::LatencyReading Waits() const { return waits_.Read(); }
 
   private:
     T* Take(typename std::list<T*>::iterator node) REQUIRES(lock_);
@@ -168,9 +182,10 @@ class TMemPool {
     mutable XoCriticalSectionH lock_;
     std::list<T*> free_ GUARDED_BY(lock_);
     std::list<T*> spareNodes_ GUARDED_BY(lock_);  // list nodes of records that are out
-    size_t total_ GUARDED_BY(lock_) = 0;
+    std::vector<const T*> all_ GUARDED_BY(lock_);
     size_t waiters_ GUARDED_BY(lock_) = 0;
     XoEventH available_;
+    oxel::LatencyHistogram waits_;
 };
 
 // The NFS service's pool. Never destroyed: worker threads may still give records back while the

@@ -8,11 +8,20 @@
 #include <cerrno>
 #include <new>
 
+#include "bin/oxelService_account.h"
 #include "bin/oxelService_descriptors.h"
 #include "bin/oxelService_transport.h"
+#include "net/CLuIPAddr.h"
 
 std::atomic<uint64_t> Connection::count_{0};
 std::atomic<const TransportOperations*> Connection::libraryOperations_{nullptr};
+
+Connection::Connection(SVCXPRT* transport)
+    : transport_(transport), client_(EnterClient(CLuIPAddr(transport->xp_raddr))) {}
+
+Connection::~Connection() {
+    LeaveClient(client_);
+}
 
 Connection* Connection::Guard(SVCXPRT* transport) {
     Connection* guard = new (std::nothrow) Connection(transport);

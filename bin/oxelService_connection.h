@@ -14,6 +14,8 @@
 
 #include "base/sync.h"
 
+struct ClientAccount;
+
 // The library's table of a transport's operations, whose name is hidden by the member of that name.
 using TransportOperations = std::remove_const_t<std::remove_pointer_t<decltype(SVCXPRT::xp_ops)>>;
 
@@ -37,12 +39,15 @@ class Connection {
     // descriptor.
     void Drop();
 
+    // The account of the client at the other end, for as long as there is a reference; or null.
+    ClientAccount* Client() const { return client_; }
+
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
   protected:
-    explicit Connection(SVCXPRT* transport) : transport_(transport) {}
-    virtual ~Connection() = default;
+    explicit Connection(SVCXPRT* transport);
+    virtual ~Connection();
     // Hangs the guard into its transport, whose operations become `operations`, which must outlive
     // every transport.
     void TakeCharge(const TransportOperations* operations);
@@ -64,6 +69,7 @@ class Connection {
     static std::atomic<const TransportOperations*> libraryOperations_;
 
     SVCXPRT* const transport_;
+    ClientAccount* const client_;
     std::atomic<uint32_t> references_{1};  // the library's
     std::atomic<bool> dead_{false};
     // Held while one reply is encoded and sent, after a share's socket lock: two shares on one

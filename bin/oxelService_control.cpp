@@ -17,7 +17,7 @@
 using nlohmann::json;
 using oxel::ControlReply;
 
-static const char* StateText(OxelServiceStatus state) {
+const char* StateText(OxelServiceStatus state) {
     switch (state) {
         case OxelStarting:
             return "starting";
@@ -98,4 +98,5 @@ void InstallControlHandlers() {
     oxel::SetControlHandler("perf", Perf);
     oxel::SetControlHandler("stop", Stop);
     InstallShareControlHandlers();
+    InstallCallControlHandlers();
 }

@@ -16,6 +16,7 @@
 #include "base/perf_counter.h"
 #include "base/store.h"
 #include "bin/oxelService.h"
+#include "bin/oxelService_account.h"
 #include "bin/oxelService_callinfo.h"
 #include "bin/oxelService_carrier.h"
 #include "bin/oxelService_connection.h"
@@ -127,6 +128,7 @@ static bool AttachTransport(CallInfo3* call, SVCXPRT* transport) {
 
 // Gives the record back. A connection's own transport is the library's and stays; a copy is parked.
 static void GiveBack(CallInfo3* call) {
+    ForgetCall(call);
     if (call->transport != nullptr && call->transport == call->transportCopy)
         ParkSVCXPRT(call->transport);
     try {
@@ -148,6 +150,7 @@ static void GiveUp(CallInfo3* call) {
     if (gHardened) {
         GiveBack(call);
     } else {
+        ForgetCall(call);
         ParkSVCXPRT(call->transportCopy);
         ++gRecordsKept;
     }
@@ -197,6 +200,7 @@ static bool Dispatch(CallInfo3* call, svc_req* request, SVCXPRT* transport, bool
     if (call->procedure < 0 || call->procedure >= kNfs3ProcedureCount ||
         Nfsv3Handlers[call->procedure].handler == nullptr) {
         LOG_DISPATCH(-1, "Error: unknown procedure %d", call->procedure);
+        CountRejection(Rejection::kUnknownProcedure);
         svcerr_noproc(transport);
         GiveUp(call);
         return true;
@@ -204,6 +208,7 @@ static bool Dispatch(CallInfo3* call, svc_req* request, SVCXPRT* transport, bool
     call->row = &Nfsv3Handlers[call->procedure];
 
     if (!FillIdentity(call, request, transport)) {
+        CountRejection(Rejection::kWeakCredential);
         svcerr_weakauth(transport);
         LOG_DISPATCH(-1, "Error: Auth_NULL not accepted for proc [%s].", call->row->name);
         GiveBack(call);
@@ -218,6 +223,7 @@ static bool Dispatch(CallInfo3* call, svc_req* request, SVCXPRT* transport, bool
     }
     if (decoded != TRUE) {
         LOG_DISPATCH(-1, "Error: Args Decode Failed. procNum [%d]", call->procedure);
+        CountRejection(Rejection::kGarbageArguments);
         svcerr_decode(transport);
         // What was decoded before the failure hangs off the record.
         transport->xp_ops->xp_freeargs(transport, call->row->xdrArguments, &call->arguments());
@@ -251,6 +257,7 @@ static void Nfs3Dispatcher(svc_req* request, SVCXPRT* transport) {
     bool handedOn = false;
     try {
         call = CarrierInUse().TakeRecord();
+        BeginCall(call, Connection::Of(transport)->Client());
         if (!Dispatch(call, request, transport, &handedOn)) return;
     } catch (const std::bad_alloc&) {
         OXEL_LOG(-1, "Error: [new] failed.");
@@ -268,8 +275,9 @@ RPCServiceArgs::Dispatcher NfsDispatcher() {
 }
 
 // Ends a call, on whichever thread finished it.
-static void FinalRPCCleanup(CallInfo3* call, SVCXPRT* transport) {
+static void FinalRPCCleanup(CallInfo3* call, SVCXPRT* transport, int32_t outcome) {
     PerfCounterWrapper timer("OXEL", kPerfCleanUp);
+    EndCall(call, outcome);
     transport->xp_ops->xp_freeargs(transport, call->row->xdrArguments, &call->arguments());
     if (call->row->release != nullptr) call->row->release(call);
     GiveBack(call);
@@ -290,7 +298,7 @@ static void SendReply(CallInfo3* call, const char* function) {
 // A handler that threw: the client is told, and the call ends like any other.
 static void HandlerThrew(CallInfo3* call) {
     svcerr_systemerr(call->transport);
-    FinalRPCCleanup(call, call->transport);
+    FinalRPCCleanup(call, call->transport, kCallThrew);
 }
 
 void* HandleNFSRPC(void* record) {
@@ -315,21 +323,21 @@ void* HandleNFSRPC(void* record) {
         if (reply)
             CarrierInUse().Reply(call);
         else
-            FinalRPCCleanup(call, call->transport);
+            FinalRPCCleanup(call, call->transport, OutcomeOf(call));
         return nullptr;
     }
     if (reply)
         SendReply(call, __PRETTY_FUNCTION__);
     else
         OXEL_LOG(3, "Dispatcher does not want to send a response.");
-    FinalRPCCleanup(call, call->transport);
+    FinalRPCCleanup(call, call->transport, OutcomeOf(call));
     return nullptr;
 }
 
 void SendWithoutShareLock(CallInfo3* call) {
     const oxel::ClientsLog clients;
     SendReply(call, "void* SendNFSRPC(void*)");
-    FinalRPCCleanup(call, call->transport);
+    FinalRPCCleanup(call, call->transport, OutcomeOf(call));
 }
 
 void* SendNFSRPC(void* record) {
@@ -348,6 +356,6 @@ void* SendNFSRPC(void* record) {
     } else {
         SendReply(call, __PRETTY_FUNCTION__);
     }
-    FinalRPCCleanup(call, call->transport);
+    FinalRPCCleanup(call, call->transport, OutcomeOf(call));
     return nullptr;
 }

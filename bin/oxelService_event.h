@@ -55,6 +55,7 @@ class EventConnection : public Connection {
         kForClient,  // it does not take its replies
     };
     Pause pause = Pause::kNone;
+    uint64_t pausedSince = 0;    // nanoseconds; while it is paused for a call record
     bool elsewhere = false;      // its record is being dispatched on another thread
     bool ready = false;          // has its turn without being polled
     uint32_t events = 0;         // that the socket is polled for

@@ -44,6 +44,7 @@ constexpr unsigned kThreadsMost = 22 + 10;
 EventLoop::EventLoop(EventService& service, unsigned number)
     : service_(service),
       number_(number),
+      pulse_(PulseOf(number)),
       limits_(service.Limits()),
       buffers_(service.Limits().record.bytes) {}
 
@@ -90,6 +91,7 @@ bool EventLoop::Lead() {
         MakeReady(interrupted);
     }
     while (OxelServiceGlobals::exitProcess == 0) {
+        pulse_.Beat();
         TakeNews();
         Resume();
         epoll_event events[kEventsAtOnce];
@@ -232,7 +234,12 @@ bool EventLoop::ServeRecords(EventConnection* connection) {
             return true;
         }
         bytes += input.RecordBytes();
-        connection->Dispatch();
+        pulse_.CallReceived();
+        {
+            // Without handler threads the call is handled in there, and waits for its disk.
+            const LoopPulse::MayWait handledHere(pulse_, !gMultiThreadRPCHandling);
+            connection->Dispatch();
+        }
         EventService::ReturnReserved();
         input.Consume();
         if (connection->WasNoCall()) {

@@ -17,6 +17,7 @@
 #include "bin/oxelService_event.h"
 #include "bin/oxelService_event_service.h"
 #include "bin/oxelService_leader.h"
+#include "bin/oxelService_pulse.h"
 
 struct CallInfo3;
 
@@ -86,6 +87,7 @@ class EventLoop {
 
     EventService& service_;
     const unsigned number_;
+    LoopPulse& pulse_;
     const ClientLimits& limits_;
     BufferPool buffers_;
     oxel::UniqueFd epoll_, wake_;

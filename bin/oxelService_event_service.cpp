@@ -24,8 +24,6 @@
 
 namespace {
 
-// One processor receives some hundred thousand calls a second: more loops than this only wait.
-constexpr unsigned kLoopsMax = 8;
 constexpr std::chrono::seconds kEndPatience{1};
 
 // The record for the dispatcher that this thread is about to call.
@@ -60,7 +58,7 @@ unsigned EventService::LoopsWanted() {
     unsigned wanted = 0;
     if (!XOPlatformInfo().getNumber("Oxel", "nReceiveThreads", &wanted) || wanted == 0)
         wanted = std::max(1u, std::thread::hardware_concurrency());
-    return std::min(wanted, kLoopsMax);
+    return std::min(wanted, kReceiveLoopsMax);
 }
 
 void EventService::Receive() {

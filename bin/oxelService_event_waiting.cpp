@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "base/patience.h"
+#include "base/perf_counter.h"
 #include "bin/oxelService.h"
 #include "bin/oxelService_callinfo.h"
 #include "bin/oxelService_event_loop.h"
@@ -27,10 +28,14 @@ void EventLoop::SetPause(EventConnection* connection, Pause reason) {
     if (connection->pause == Pause::kForMemory) {
         --service_.waitingForMemory;
         service_.heldByWaiting -= connection->bufferedBytes;
+    } else if (connection->pause == Pause::kForRecord) {
+        gCallInfoPool.CountWait(oxel::MonotonicNanoseconds() - connection->pausedSince);
     }
     if (reason == Pause::kForMemory) {
         ++service_.waitingForMemory;
         service_.heldByWaiting += connection->bufferedBytes;
+    } else if (reason == Pause::kForRecord) {
+        connection->pausedSince = oxel::MonotonicNanoseconds();
     }
     connection->pause = reason;
 }

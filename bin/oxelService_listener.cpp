@@ -19,6 +19,7 @@
 #include "base/unique_fd.h"
 #include "bin/oxelService.h"
 #include "bin/oxelService_carrier.h"
+#include "bin/oxelService_notify.h"
 #include "bin/oxelService_select.h"
 #include "bin/oxelService_transport.h"
 #include "companion/PellService.h"
@@ -120,6 +121,7 @@ bool StartNfs3Service(bool retry) {
             OXEL_LOG(-1, "Failed to Start nfs service thread.");
         }
         AdvancedInit();
+        RefreshStatusLine();
         LUSLEEP(kRetryMs);
         // Without a retry a failure is told as success: what follows starts all the same.
         if (!retry) return true;

@@ -11,6 +11,7 @@
 #include "base/log_clients.h"
 #include "base/perf_counter.h"
 #include "bin/oxelService.h"
+#include "bin/oxelService_account.h"
 #include "bin/oxelService_callinfo.h"
 #include "bin/oxelService_connection.h"
 #include "mount3/mount3proc.h"
@@ -83,6 +84,7 @@ static void Dispatch(svc_req* request, SVCXPRT* transport) {
     if (call.procedure < 0 || call.procedure >= kMount3ProcedureCount ||
         Mountv3Handlers[call.procedure].handler == nullptr) {
         LOG_DISPATCH(-1, "Error: : unknown procedure %d", call.procedure);
+        CountRejection(Rejection::kUnknownProcedure);
         svcerr_noproc(transport);
         return;
     }
@@ -93,14 +95,18 @@ static void Dispatch(svc_req* request, SVCXPRT* transport) {
     };
     if (!transport->xp_ops->xp_getargs(transport, call.row->xdrArguments, &call.arguments())) {
         LOG_DISPATCH(-1, "Error: : Args Decode Failed. procNum [%d]", call.procedure);
+        CountRejection(Rejection::kGarbageArguments);
         svcerr_decode(transport);
         freeArguments();
         return;
     }
     LOG_DISPATCH(3, ": Args Decode Success. Calling [%d:%s]", call.procedure, call.row->name);
+    BeginCall(&call, Connection::Of(transport)->Client());
     try {
         Answer(call, transport);
+        EndCall(&call, OutcomeOf(&call));
     } catch (...) {
+        EndCall(&call, kCallThrew);
         freeArguments();
         throw;
     }

@@ -7,10 +7,10 @@
 
 #include "backend/OxelServiceGlobals.h"
 #include "bin/oxelService_callinfo.h"
+#include "nfs3/nfs3proc.h"
 
 namespace {
 
-constexpr int kRead = 6, kWrite = 7, kReaddir = 16, kReaddirplus = 17;
 constexpr unsigned kSyncWrite = 31;  // no procedure has this number
 
 // What takes longer than this waits for something, or might as well run beside other calls.
@@ -31,16 +31,16 @@ CallPace::Kind CallPace::KindOf(CallInfo3* call) {
     auto procedure = static_cast<unsigned>(call->procedure);
     uint32_t longNanoseconds = kLongNanoseconds;
     switch (call->procedure) {
-        case kRead:
+        case NFSPROC3_READ:
             longNanoseconds = LongFor(
                 static_cast<uint32_t>(std::min<uint64_t>(arguments.read.count, NFS3_MAXBUF_SIZE)));
             break;
-        case kWrite:
+        case NFSPROC3_WRITE:
             if (arguments.write.stable != UNSTABLE) procedure = kSyncWrite;
             longNanoseconds = LongFor(arguments.write.count);
             break;
-        case kReaddir:
-        case kReaddirplus:
+        case NFSPROC3_READDIR:
+        case NFSPROC3_READDIRPLUS:
             longNanoseconds = kLongListingNanoseconds;
             break;
         default:

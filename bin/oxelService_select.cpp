@@ -17,6 +17,7 @@
 #include "bin/oxelService_carrier.h"
 #include "bin/oxelService_connection.h"
 #include "bin/oxelService_descriptors.h"
+#include "bin/oxelService_pulse.h"
 #include "bin/oxelService_transport.h"
 
 static constexpr int kSelectSeconds = 2;
@@ -73,12 +74,16 @@ class Select : public Carrier {
     void Receive() override {
         oxel::ReserveLowDescriptors();
         while (OxelServiceGlobals::exitProcess == 0) {
+            pulse_.Beat();
             Wait();
             PrintPerfStatsIfAsked();
         }
     }
 
-    CallInfo3* TakeRecord() override { return gCallInfoPool.Pop(); }
+    CallInfo3* TakeRecord() override {
+        pulse_.CallReceived();
+        return gCallInfoPool.Pop();
+    }
 
     SVCXPRT* Copy(SVCXPRT* transport, SVCXPRT* copy) override {
         if (copy == nullptr) return DupSVCXPRT(transport);
@@ -94,7 +99,7 @@ class Select : public Carrier {
 
   private:
     // Once: waits for something to read, and has the library read it.
-    static void Wait() {
+    void Wait() {
         const int wake = WakeDescriptor();
         fd_set ready;
         int listener;
@@ -116,8 +121,14 @@ class Select : public Carrier {
             FD_CLR(listener, &ready);
         }
         // Without the lock: a client in the middle of a record must not hold up a start.
+        // It waits there for a client that has stopped in the middle of a record or takes no reply,
+        // and for a call record; handling calls or MOUNT here, for a disk. A restart helps with
+        // none of these.
+        const LoopPulse::MayWait inTheLibrary(pulse_);
         svc_getreqset(&ready);
     }
+
+    LoopPulse& pulse_ = PulseOf(0);
 };
 
 }  // namespace

@@ -10,8 +10,10 @@
 #include "backend/export_registry.h"
 #include "backend/exports_client.h"
 #include "backend/share_set.h"
+#include "base/service_manager.h"
 #include "base/store.h"
 #include "bin/oxelService.h"
+#include "bin/oxelService_notify.h"
 #include "companion/PellService.h"
 
 using nlohmann::json;
@@ -75,9 +77,18 @@ static json Changes(const std::vector<oxel::ShareChange>& changes) {
     return list;
 }
 
+static oxel::ReloadResult ReadSharesAnew() {
+    oxel::ReloadResult result;
+    {
+        const oxel::Reloading told;
+        result = oxel::gShareSet.Reload(oxel::InstancePaths(XOPI_Focus::focus()).exports);
+    }
+    RefreshStatusLine();
+    return result;
+}
+
 static ControlReply Reload(const json&) {
-    const oxel::ReloadResult result =
-        oxel::gShareSet.Reload(oxel::InstancePaths(XOPI_Focus::focus()).exports);
+    const oxel::ReloadResult result = ReadSharesAnew();
     ControlReply reply;
     if (!result.errors.empty()) {
         const size_t count = result.errors.size();
@@ -98,7 +109,7 @@ static ControlReply Reload(const json&) {
 }
 
 void ReloadShares() {
-    (void)oxel::gShareSet.Reload(oxel::InstancePaths(XOPI_Focus::focus()).exports);
+    (void)ReadSharesAnew();  // the log has the outcome
 }
 
 void InstallShareControlHandlers() {

@@ -76,7 +76,14 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
          oxel::ctl::Check);
     verb("exports", "Shows the shares", oxel::ctl::Exports);
     verb("mounts", "Shows the clients that mounted a share", oxel::ctl::Mounts);
+    verb("clients", "Shows the connected clients and what they do", oxel::ctl::Clients);
     verb("reload", "Has the daemon read the shares anew", oxel::ctl::Reload);
+    CLI::App* stats =
+        verb("stats", "Shows how many calls there were and how long they took", oxel::ctl::Stats);
+    stats->add_flag("--watch", settings.watch, "Every second, what has come in that second");
+    stats->add_option("--by", settings.by, "By procedure, share or client")
+        ->check(CLI::IsMember({"procedure", "share", "client"}))
+        ->capture_default_str();
     verb("perf", "Writes the performance counters to the daemon's log", oxel::ctl::Perf);
     verb("log-level", "Shows or sets the level of the daemon's log", oxel::ctl::LogLevel)
         ->add_option("N", settings.level, "0 (errors and warnings) to 4 (everything)")

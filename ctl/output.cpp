@@ -68,4 +68,35 @@ std::string ShownDuration(const json& object, const char* member) {
     return std::to_string(days) + (days == 1 ? " day " : " days ") + clock;
 }
 
+namespace {
+
+std::string Scaled(double value, const char* unit) {
+    char text[32];
+    const int decimals = value < 10 ? 2 : value < 100 ? 1 : 0;
+    (void)snprintf(text, sizeof text, "%.*f %s", decimals, value, unit);
+    return text;
+}
+
+}  // namespace
+
+std::string ShownBytes(uint64_t bytes) {
+    if (bytes == 0) return "-";
+    if (bytes < 1024) return std::to_string(bytes) + " B";
+    auto value = static_cast<double>(bytes);
+    const char* unit = "";
+    for (const char* larger : {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"}) {
+        if (value < 1024) break;
+        value /= 1024;
+        unit = larger;
+    }
+    return Scaled(value, unit);
+}
+
+std::string ShownMicroseconds(double microseconds) {
+    if (microseconds <= 0) return "-";
+    if (microseconds < 1000) return Scaled(microseconds, "us");
+    if (microseconds < 1'000'000) return Scaled(microseconds / 1000, "ms");
+    return Scaled(microseconds / 1'000'000, "s");
+}
+
 }  // namespace oxel::ctl

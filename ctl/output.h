@@ -4,6 +4,7 @@
 // newer daemon leaves out or spells otherwise.
 #pragma once
 
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
@@ -30,5 +31,11 @@ std::string Shown(const nlohmann::json& object, const char* member);
 
 // "3 days 04:05:06"; "-" when it is not a number of seconds.
 std::string ShownDuration(const nlohmann::json& object, const char* member);
+
+// "512 B", "1.5 MiB"; "-" for none.
+std::string ShownBytes(uint64_t bytes);
+
+// "12.3 us", "4.56 ms", "7.89 s"; "-" for none.
+std::string ShownMicroseconds(double microseconds);
 
 }  // namespace oxel::ctl

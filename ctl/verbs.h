@@ -22,6 +22,8 @@ struct Settings {
     bool json = false;
     std::optional<int> level;         // log-level
     bool registerPortMapper = false;  // start-network
+    bool watch = false;               // stats
+    std::string by = "procedure";     // stats: or "share", "client"
 };
 
 // Reads the files of the instance itself; every other verb makes one request to the daemon. Each
@@ -36,5 +38,8 @@ ExitCode Stop(const Settings& settings);
 ExitCode Exports(const Settings& settings);
 ExitCode Mounts(const Settings& settings);
 ExitCode Reload(const Settings& settings);
+// verbs_calls.cpp
+ExitCode Clients(const Settings& settings);
+ExitCode Stats(const Settings& settings);
 
 }  // namespace oxel::ctl

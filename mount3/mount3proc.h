@@ -8,6 +8,7 @@
 
 #include "bin/oxelService_callinfo.h"
 
+inline constexpr int MOUNTPROC3_MNT = 1;
 inline constexpr int kMount3ProcedureCount = 6;
 extern const ProcedureRow Mountv3Handlers[kMount3ProcedureCount];
 

@@ -14,6 +14,13 @@
 #include "bin/oxelService_callinfo.h"
 #include "nfs3/nfs3types.h"
 
+// Those that somebody has to tell from the others (RFC 1813 section 3).
+enum Nfs3Procedure : int {
+    NFSPROC3_READ = 6,
+    NFSPROC3_WRITE = 7,
+    NFSPROC3_READDIR = 16,
+    NFSPROC3_READDIRPLUS = 17,
+};
 inline constexpr int kNfs3ProcedureCount = 22;
 extern const ProcedureRow Nfsv3Handlers[kNfs3ProcedureCount];
 

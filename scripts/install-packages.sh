@@ -12,7 +12,7 @@ mkdir -p build
 packages=(
   build-essential g++ cmake ninja-build pkg-config git
   libtirpc-dev libtirpc-common libboost-dev libsystemd-dev nlohmann-json3-dev libcli11-dev
-  libsodium-dev liblmdb-dev
+  libsodium-dev liblmdb-dev libmicrohttpd-dev prometheus-cpp-dev
   # tests and benchmarks: the last line is for the kernel as a client
   libgtest-dev libgmock-dev libbenchmark-dev libnfs-dev rpcbind util-linux clang-format
   mandoc groff-base

@@ -116,18 +116,6 @@ TEST(ExportsWords, ALineHasABound) {
     EXPECT_EQ(read.numbers.back(), 2);
 }
 
-TEST(ExportsWords, NearestWordIsSuggestedOnlyWhenItIsNear) {
-    std::vector<std::string> valid = {"ro", "rw", "root_squash", "insecure"};
-    EXPECT_EQ(DidYouMean("rww", valid), "; did you mean 'rw'?");
-    EXPECT_EQ(DidYouMean("RW", valid), "; did you mean 'rw'?");
-    EXPECT_EQ(DidYouMean("wr", valid), "; did you mean 'rw'?");
-    EXPECT_EQ(DidYouMean("rootsquash", valid), "; did you mean 'root_squash'?");
-    EXPECT_EQ(DidYouMean("unsecure", valid), "; did you mean 'insecure'?");
-    EXPECT_EQ(DidYouMean("crossmnt", valid), "");
-    EXPECT_EQ(DidYouMean("", valid), "");
-    EXPECT_EQ(DidYouMean(std::string(1000, 'r'), valid), "");
-}
-
 TEST(ExportsWords, DecimalNumbersAreStrict) {
     uint32_t value = 99;
     for (const char* text :

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -85,6 +86,24 @@ TEST_P(Delay, HeldCallIsAnsweredOnceItIsLetGo) {
         EXPECT_EQ(waited.erase(reply->xid), 1u) << "another call's reply, or a second one";
         ExpectData(*reply);
     }
+}
+
+// Who asks what the clients do is told of a call that does not end, and for how long already.
+TEST_P(Delay, HeldCallIsInFlightAndGrowsOld) {
+    const auto client = [this] {
+        std::string output;
+        EXPECT_EQ(daemon_.Control({"clients", "--json"}, &output), 0) << output;
+        return nlohmann::json::parse(output, nullptr, false)["clients"][0];
+    };
+    HoldNext(Operation::kRead);
+    SendRead(client_.get());
+    ASSERT_TRUE(faults_.WaitForHeld(1));
+    EXPECT_EQ(client()["inFlight"], 1);
+    EXPECT_TRUE(WaitUntil([&] { return client()["oldestMilliseconds"] >= 50; }));
+    faults_.Release();
+    ASSERT_TRUE(Next(client_.get()));
+    EXPECT_TRUE(WaitUntil([&] { return client()["inFlight"] == 0; }));
+    EXPECT_EQ(client()["oldestMilliseconds"], 0);
 }
 
 TEST_P(Delay, HeldCallMayFailInTheEnd) {

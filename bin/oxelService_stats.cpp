@@ -1,0 +1,146 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The control socket's answers about calls: what clients do, and how long it takes.
+#include <cmath>
+#include <map>
+#include <string>
+
+#include "backend/export_registry.h"
+#include "bin/oxelService.h"
+#include "bin/oxelService_account.h"
+#include "bin/oxelService_callinfo.h"
+#include "companion/PellService.h"
+
+using nlohmann::json;
+using oxel::ControlReply;
+
+namespace {
+
+// To a tenth: what is behind that is noise.
+double Microseconds(uint64_t nanoseconds) {
+    return std::round(static_cast<double>(nanoseconds) / 100) / 10;
+}
+
+// Pairs of a bucket's number and its count, for those who want to take an earlier reading off.
+json Buckets(const oxel::LatencyReading& latency) {
+    json buckets = json::array();
+    for (size_t i = 0; i < oxel::LatencyReading::kBuckets; ++i)
+        if (latency.buckets[i] != 0) buckets.push_back({i, latency.buckets[i]});
+    return buckets;
+}
+
+void AddLatency(const oxel::LatencyReading& latency, bool withBuckets, json* entry) {
+    (*entry)["meanMicroseconds"] = Microseconds(latency.Mean());
+    (*entry)["p50Microseconds"] = Microseconds(latency.Percentile(0.5));
+    (*entry)["p95Microseconds"] = Microseconds(latency.Percentile(0.95));
+    (*entry)["p99Microseconds"] = Microseconds(latency.Percentile(0.99));
+    (*entry)["maxMicroseconds"] = Microseconds(latency.nanosecondsMax);
+    if (!withBuckets) return;
+    (*entry)["totalNanoseconds"] = latency.nanoseconds;
+    (*entry)["buckets"] = Buckets(latency);
+}
+
+void AddMeter(const MeterReading& meter, bool withBuckets, json* entry) {
+    (*entry)["calls"] = meter.Calls();
+    json& errors = (*entry)["errors"] = json::object();
+    for (const auto& [status, count] : meter.errors) errors[status] = count;
+    (*entry)["bytesRead"] = meter.bytesRead;
+    (*entry)["bytesWritten"] = meter.bytesWritten;
+    AddLatency(meter.latency, withBuckets, entry);
+}
+
+const char* ProgramText(RpcProgram program) {
+    return program == RpcProgram::kNfs ? "NFS" : "MOUNT";
+}
+
+json ByProcedure(const std::vector<ProcedureReading>& readings, bool withBuckets) {
+    json list = json::array();
+    // A procedure's readings lie apart, one for each share.
+    std::vector<std::pair<const ProcedureReading*, MeterReading>> sums;
+    std::map<std::pair<RpcProgram, std::string>, size_t> places;
+    for (const ProcedureReading& one : readings) {
+        const auto [place, isNew] = places.try_emplace({one.program, one.procedure}, sums.size());
+        if (isNew) sums.emplace_back(&one, MeterReading{});
+        sums[place->second].second.Add(one.meter);
+    }
+    for (const auto& [one, meter] : sums) {
+        json entry = {{"program", ProgramText(one->program)}, {"procedure", one->procedure}};
+        AddMeter(meter, withBuckets, &entry);
+        list.push_back(std::move(entry));
+    }
+    return list;
+}
+
+json ByShare(const std::vector<ProcedureReading>& readings, bool withBuckets) {
+    std::map<uint32_t, std::pair<std::string, MeterReading>> sums;
+    for (const ProcedureReading& one : readings) {
+        if (one.shareId == 0) continue;
+        auto& [path, meter] = sums[one.shareId];
+        path = one.sharePath;
+        meter.Add(one.meter);
+    }
+    json list = json::array();
+    for (const auto& [id, sum] : sums) {
+        json entry = {{"path", oxel::RegistryPathText(sum.first)}, {"id", id}};
+        AddMeter(sum.second, withBuckets, &entry);
+        list.push_back(std::move(entry));
+    }
+    return list;
+}
+
+json ByClient(const std::vector<ClientReading>& readings, bool withBuckets) {
+    json list = json::array();
+    for (const ClientReading& one : readings) {
+        if (one.meter.Calls() == 0) continue;
+        json entry = {{"client", one.address}};
+        AddMeter(one.meter, withBuckets, &entry);
+        list.push_back(std::move(entry));
+    }
+    return list;
+}
+
+ControlReply Stats(const json& request) {
+    const auto asked = request.find("buckets");
+    const bool withBuckets = asked != request.end() && *asked == json(true);
+    const std::vector<ProcedureReading> procedures = ReadProcedures();
+    ControlReply reply;
+    reply.body = {{"procedures", ByProcedure(procedures, withBuckets)},
+                  {"shares", ByShare(procedures, withBuckets)},
+                  {"clients", ByClient(ReadClients(), withBuckets)}};
+    for (const auto& [reason, count] : ReadRejections()) reply.body["rejected"][reason] = count;
+    const oxel::LatencyReading waits = gCallInfoPool.Waits();
+    json& waited = reply.body["waitedForRecord"] = {{"calls", waits.count}};
+    AddLatency(waits, withBuckets, &waited);
+    return reply;
+}
+
+ControlReply Clients(const json&) {
+    std::map<uint32_t, std::string> paths;
+    for (const ProcedureReading& one : ReadProcedures()) paths[one.shareId] = one.sharePath;
+    ControlReply reply;
+    json& clients = reply.body["clients"] = json::array();
+    for (const ClientReading& one : ReadClients()) {
+        if (one.connections == 0) continue;
+        json shares = json::array();
+        for (const uint32_t id : one.shares)
+            if (const auto path = paths.find(id); path != paths.end())
+                shares.push_back(oxel::RegistryPathText(path->second));
+        clients.push_back({{"client", one.address},
+                           {"connections", one.connections},
+                           {"calls", one.meter.Calls()},
+                           {"errors", one.meter.Errors()},
+                           {"bytesRead", one.meter.bytesRead},
+                           {"bytesWritten", one.meter.bytesWritten},
+                           {"inFlight", one.callsInFlight},
+                           {"oldestMilliseconds", one.oldestNanoseconds / 1'000'000},
+                           {"shares", std::move(shares)}});
+    }
+    return reply;
+}
+
+}  // namespace
+
+void InstallCallControlHandlers() {
+    oxel::SetControlHandler("stats", Stats);
+    oxel::SetControlHandler("clients", Clients);
+}
