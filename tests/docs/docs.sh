@@ -20,7 +20,7 @@ in_list() {  # word, list
 }
 
 # Verbs that are written down before the program has them.
-coming_verbs="why clients stats"
+coming_verbs="why"
 coming() { in_list "$1" "$coming_verbs" && ! in_list "$1" "$(verbs_of_the_program)"; }
 known_verb() { in_list "$1" "$(verbs_of_the_program)" || coming "$1"; }
 words_with() {  # the verbs with a beginning, in one line

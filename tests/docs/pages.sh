@@ -23,7 +23,7 @@ both_ways() {  # what, of the program, of the page
 
 # Verbs and flags of oxelctl: between .Ss Verbs and the next section each item is a verb.
 verbs=$(sed -n '/^\.Ss Verbs/,/^\.Sh/p' man/oxelctl.8 |
-  sed -n 's/^\.It Cm \([a-z-]*\).*/\1/p')
+  sed -n '/^\.It Xo$/{n;s/^\.Cm/.It Cm/;};s/^\.It Cm \([a-z-]*\).*/\1/p')
 program=$(verbs_of_the_program)
 for verb in $coming_verbs; do
   ! coming "$verb" || ! in_list "$verb" "$verbs" || program+=$'\n'$verb
@@ -32,7 +32,8 @@ both_ways "the verb" "$program" "$verbs"
 for verb in $(verbs_of_the_program); do
   # What stands from the verb's item to the next verb's, .Bl items of other kinds included.
   item=$(awk -v verb="$verb" '/^\.Ss Verbs/ {on = 1} /^\.Sh/ {on = 0}
-    on && /^\.It Cm / {mine = ($3 == verb)} on && mine' man/oxelctl.8)
+    on && /^\.It Cm / {mine = ($3 == verb)} on && /^\.It Xo/ {mine = 0; open = 1; next}
+    on && open && /^\.Cm / {mine = ($2 == verb); open = 0} on && mine' man/oxelctl.8)
   own=$(comm -23 <(flags_of_the_program "$verb" | sort) <(flags_of_the_program | sort))
   said=$(grep -o 'Fl -[a-z-]*' <<<"$item" | sed 's/Fl /-/' || true)
   both_ways "the flag of '$verb'" "$own" "$said"
