@@ -180,7 +180,7 @@ Connection::Connection(uint16_t port, uint32_t number, uint32_t firstSlot, unsig
         slots_[i].number = firstSlot + i;
         slots_[i].connection = number;
     }
-    out_.reserve(2 * depth);
+    out_.reserve(size_t{2} * depth);
 }
 
 void Connection::Queue(Slot* slot, int64_t nowNs) {

@@ -114,7 +114,7 @@ class Names : public Workload {
     void Check(Slot* slot, Reader* reply, int64_t) override {
         const bool existed = exists_[slot->number];
         CheckStatus(reply, existed ? "remove" : "create");
-        exists_[slot->number] = !existed;
+        exists_[slot->number] = existed ? 0 : 1;
     }
 
     bool MayStop(const Slot& slot) const override { return !exists_[slot.number]; }

@@ -8,7 +8,6 @@
 #include "nfs3/nfs3xdr.h"
 #include "nfs3/nfs3xdr_words.h"
 
-using oxel::xdr::CodeString;
 using oxel::xdr::CodeU32;
 using oxel::xdr::CodeWords;
 

@@ -19,10 +19,10 @@ namespace oxel::local {
 namespace {
 
 // For this long a search that found nothing is not repeated for an object that has not changed.
-constexpr int64_t kMissingMs = 30 * 1000;
+constexpr int64_t kMissingMs = 30'000;
 // Change times are as coarse as the kernel's clock tick: a second change within this time may leave
 // them as they are.
-constexpr int64_t kChangeTimeTickNs = 20 * 1000 * 1000;
+constexpr int64_t kChangeTimeTickNs = 20'000'000;
 constexpr int kDepthMax = PATH_MAX / 2;
 constexpr int kRenamesMax = 32;
 

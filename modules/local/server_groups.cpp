@@ -16,7 +16,7 @@
 namespace oxel::local {
 namespace {
 
-constexpr int64_t kKeepMs = 5 * 60 * 1000;
+constexpr int64_t kKeepMs = 300'000;  // five minutes
 constexpr int kGroupsMax = 65536;  // the kernel's NGROUPS_MAX
 
 struct Answer {

@@ -29,15 +29,18 @@ TEST(CriticalSection, OneThreadAtATime) {
 TEST(CriticalSection, TryEnterFailsWhileAnotherThreadIsInside) {
     XoCriticalSection section;
     section.enter();
-    bool entered = true;
-    std::thread([&] {
-        entered = section.tryEnter();
-        if (entered) section.leave();
-    }).join();
+    bool entered = false;
+    const auto tryIt = [&] {
+        entered = false;
+        if (!section.tryEnter()) return;
+        entered = true;
+        section.leave();
+    };
+    std::thread(tryIt).join();
     EXPECT_FALSE(entered);
     section.leave();
-    EXPECT_TRUE(section.tryEnter());
-    section.leave();
+    std::thread(tryIt).join();
+    EXPECT_TRUE(entered);
 }
 
 TEST(Event, SetBeforeTheWaitIsNotLost) {

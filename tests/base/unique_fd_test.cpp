@@ -28,10 +28,10 @@ TEST(UniqueFd, MovingLeavesOneOwner) {
     UniqueFd first(OpenSomething());
     const int number = first.Get();
     UniqueFd second(std::move(first));
-    EXPECT_FALSE(first);
+    EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): what is left is the question
     EXPECT_EQ(second.Get(), number);
     first = std::move(second);
-    EXPECT_FALSE(second);
+    EXPECT_FALSE(second);  // NOLINT(bugprone-use-after-move)
     EXPECT_TRUE(IsOpen(number));
 }
 

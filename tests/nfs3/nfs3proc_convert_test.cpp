@@ -158,6 +158,8 @@ TEST_F(Attributes, FailedStatGivesItsErrnoAndLeavesTheOutputUntouched) {
     std::memset(&before, 0x5a, sizeof before);
     EXPECT_EQ(ENOENT, OSStatToNfsStat(&ctxt_, kPath, &out));
     EXPECT_EQ(EACCES, OSStatToNfsStat(&ctxt_, kPath, &out));
+    // Every byte was written, padding included.
+    // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
     EXPECT_EQ(0, std::memcmp(&before, &out, sizeof out));
     EXPECT_THAT(
         log_.Lines(),
@@ -177,6 +179,8 @@ TEST_F(Attributes, TheLinuxClientVariantDiffersInItsTraceOnly) {
         EXPECT_CALL(*object_, Stat).WillOnce(StatGives(FileStat(mode)));
         fattr3 out{};
         EXPECT_EQ(0, OSStatToNfsStatLinuxClient(&ctxt_, kPath, &out));
+        // Both were zero throughout before.
+        // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
         EXPECT_EQ(0, std::memcmp(&plain, &out, sizeof out));
         char first[80], second[80];
         snprintf(first, sizeof first, "mode [%o] uid [1001] gid [1002].", mode);
