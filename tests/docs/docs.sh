@@ -19,8 +19,9 @@ in_list() {  # word, list
   [[ " ${2//$'\n'/ } " == *" $1 "* ]]
 }
 
-# Verbs that are written down before the program has them.
-coming_verbs="why"
+# What is written down before it is there.
+# shellcheck disable=SC2034  # not every script looks at both
+coming_verbs="why" coming_targets="package"
 coming() { in_list "$1" "$coming_verbs" && ! in_list "$1" "$(verbs_of_the_program)"; }
 known_verb() { in_list "$1" "$(verbs_of_the_program)" || coming "$1"; }
 words_with() {  # the verbs with a beginning, in one line
