@@ -15,6 +15,7 @@ packages=(
   libsodium-dev liblmdb-dev libmicrohttpd-dev prometheus-cpp-dev
   # tests and benchmarks: the last line is for the kernel as a client
   libgtest-dev libgmock-dev libbenchmark-dev libnfs-dev rpcbind util-linux clang-format
+  mandoc groff-base
   user-mode-linux nfs-common iproute2 kmod rsync sqlite3
 )
 # Compared with and plotted with; nobody else needs them.

@@ -68,6 +68,11 @@ umount /tmp/apart
 mkdir -m 755 "$served/behind"
 mkdir behind || fail "mkdir of what another client made"
 fails "File exists" mkdir behind  # now this client knows it
+# Whatever has the name, a file too.
+echo content >"$served/taken"
+mkdir taken || fail "mkdir of a name that a file has"
+forget
+expect "content" "$(cat taken)" "what mkdir has left of the file"
 # A name that another client has removed meanwhile: rm succeeds.
 touch gone
 rm "$served/gone"
@@ -83,6 +88,12 @@ fails "Permission denied" setpriv --reuid 1000 --regid 1000 --groups 3000 cat gr
 fails "error 524" mkfifo pipe
 fails "error 524" mknod device c 1 3
 fails "error 524" perl -MIO::Socket::UNIX -e 'IO::Socket::UNIX->new(Local => "socket", Listen => 1) or die $!'
+
+# What must not exist yet has the mode that was asked for in the end, although the verifier of its
+# making is in the way of the mode at first.
+perl -MFcntl -e 'umask 0; sysopen(my $file, "exclusive", O_CREAT|O_EXCL|O_WRONLY, 0640) or die $!'
+forget
+expect 640 "$(stat -c %a exclusive)" "the mode of an exclusively made file"
 
 # Nothing lies deeper than 4,095 bytes of path at the server; what lies above can be removed.
 for _ in $(seq 40); do
