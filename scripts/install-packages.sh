@@ -13,10 +13,11 @@ packages=(
   build-essential g++ cmake ninja-build pkg-config git
   libtirpc-dev libtirpc-common libboost-dev libsystemd-dev nlohmann-json3-dev libcli11-dev
   libsodium-dev liblmdb-dev libmicrohttpd-dev prometheus-cpp-dev
-  # tests and benchmarks: the last line is for the kernel as a client
+  # tests and benchmarks: the last two lines are for the kernel as a client, and for the dashboard
   libgtest-dev libgmock-dev libbenchmark-dev libnfs-dev rpcbind util-linux clang-format
   mandoc groff-base
   user-mode-linux nfs-common iproute2 kmod rsync sqlite3
+  prometheus curl jq
 )
 # Compared with and plotted with; nobody else needs them.
 [[ "${1:-}" != bench ]] || packages=(nfs-ganesha nfs-ganesha-vfs rpcbind gnuplot-nox)
@@ -41,7 +42,8 @@ if [[ $EUID -ne 0 ]]; then
   as_root=(sudo)
 fi
 echo "Installing: ${missing[*]}"
-# A freshly installed rpcbind must not be started on the machine of somebody who only builds.
+# A freshly installed rpcbind or prometheus must not be started on the machine of somebody who only
+# builds.
 policy=/usr/sbin/policy-rc.d
 made_policy=
 if ! "${as_root[@]}" test -e "$policy"; then
