@@ -3,7 +3,7 @@
 SHELL := /bin/bash
 .SHELLFLAGS := -eu -o pipefail -c
 .DEFAULT_GOAL := help
-.PHONY: help deps build run test asan tsan check integrity soak fuzz bench bench-scale format clean
+.PHONY: help deps build run test asan tsan check integrity soak fuzz bench bench-scale package format clean
 
 DIR ?=
 PORT ?=
@@ -52,6 +52,10 @@ bench: deps ## Measure beside nfs-ganesha and write docs/benchmarks.md: 15 minut
 
 bench-scale: deps ## Measure with many connections, files and shares: 10 minutes
 	@scripts/bench.sh --scale
+
+package: deps ## Make the Debian package (build/package)
+	@scripts/install-packages.sh package
+	@scripts/package.sh
 
 format: ## Format the sources
 	@git ls-files '*.h' '*.cpp' | xargs clang-format -i

@@ -10,8 +10,6 @@ namespace oxel {
 
 // IPv4 addresses begin here in the 16-byte form (::ffff:0:0/96).
 static constexpr unsigned kMappedPrefixBits = 96;
-// The lowest port that a process without privileges can call from.
-static constexpr unsigned kUnprivilegedPortMin = 1024;
 
 bool ClientRule::Matches(const XOIPAddr& client) const {
     if (v6Only && prefixLength < kMappedPrefixBits && client.isV4()) return false;
@@ -24,15 +22,21 @@ bool ClientRule::Matches(const XOIPAddr& client) const {
 }
 
 // "*" has the shortest prefix of all, but so has ::/0, which says more.
-static int Specificity(const ClientRule& rule) {
-    if (rule.prefixLength == 0 && !rule.network) return -1;
-    return static_cast<int>(rule.prefixLength) * 2 + (rule.network ? 0 : 1);
+int ClientRule::Specificity() const {
+    if (prefixLength == 0 && !network) return -1;
+    return static_cast<int>(prefixLength) * 2 + (network ? 0 : 1);
+}
+
+bool ClientRule::operator==(const ClientRule& other) const {
+    return text == other.text && std::memcmp(address, other.address, sizeof address) == 0 &&
+           prefixLength == other.prefixLength && network == other.network &&
+           v6Only == other.v6Only && options == other.options;
 }
 
 ClientRules::ClientRules(std::vector<ClientRule> rules) : rules_(std::move(rules)) {
     // Stable, so that of two equal rules the one written first is found first.
     std::stable_sort(rules_.begin(), rules_.end(), [](const ClientRule& a, const ClientRule& b) {
-        return Specificity(a) > Specificity(b);
+        return a.Specificity() > b.Specificity();
     });
 }
 

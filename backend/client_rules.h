@@ -21,7 +21,21 @@ struct ClientOptions {
     uint32_t anonUid = 65534;
     uint32_t anonGid = 65534;
     bool operator==(const ClientOptions&) const = default;
+
+    // The ids with which a caller's work is done. The id that cannot exist is what some clients
+    // send for "nobody".
+    static constexpr uint32_t kNoId = 0xffffffffu;
+    uint32_t UidFor(uint32_t uid) const { return IsSquashed(uid) ? anonUid : uid; }
+    uint32_t GidFor(uint32_t gid) const { return IsSquashed(gid) ? anonGid : gid; }
+
+  private:
+    bool IsSquashed(uint32_t id) const {
+        return allSquash || id == kNoId || (rootSquash && id == 0);
+    }
 };
+
+// The lowest port that a process without privileges can call from; "secure" asks for one below.
+inline constexpr unsigned kUnprivilegedPortMin = 1024;
 
 // One client of the list. `address` is in the 16-byte mapped form; prefixLength counts in it, so an
 // IPv4 host has 128 and 10.0.0.0/8 has 104. "*" has 0 and matches both families.
@@ -32,9 +46,12 @@ struct ClientRule {
     bool network = false;  // written with a "/"; a plain address of the same length goes first
     bool v6Only = false;   // an IPv6 network: ::/0 is not meant to let IPv4 clients in
     ClientOptions options;
+    int line = 0;  // of the exports file, for people: lines that move change no rule
 
     bool Matches(const XOIPAddr& client) const;
-    bool operator==(const ClientRule&) const = default;
+    // The greater, the earlier it is tried.
+    int Specificity() const;
+    bool operator==(const ClientRule& other) const;
 };
 
 // The rules of one share, most specific first. Constant after construction; any thread.

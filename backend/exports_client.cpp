@@ -333,6 +333,7 @@ void ClientParser::Parse(const ExportsWord& word, const ClientOptions& defaults,
     if (errors->size() != errorsBefore) return;
     for (ClientRule& rule : named) {
         rule.options = options;
+        rule.line = word.line();
         rules->push_back(std::move(rule));
     }
 }

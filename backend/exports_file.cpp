@@ -229,6 +229,7 @@ void ExportsParser::ParseClients(const ExportsLine& line, size_t first) {
         ClientRule everybody;
         everybody.text = "*";
         everybody.options = defaults_;
+        everybody.line = line.line;
         rules.push_back(std::move(everybody));
     }
     share_.clients = ClientRules(std::move(rules));

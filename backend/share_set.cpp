@@ -27,6 +27,7 @@ static void LogServed(const ServedShare& served) {
 void ShareSet::Load(const std::string& exportsFile, ShareMaker maker) {
     XoCriticalSectionGuard reload(reloadSection_);
     maker_ = std::move(maker);
+    actsForCallers_ = maker_.actsForCallers;
     const ExportsFile file = ReadExportsFile(exportsFile);
     for (const ExportsError& bad : file.errors)
         OXEL_LOG(-1, "Error: %s. %s", ErrorText(bad).c_str(),
@@ -110,8 +111,8 @@ static void LogResult(const std::string& file, const ReloadResult& result) {
              result.added.size(), result.removed.size(), result.changed.size(), result.unchanged);
 }
 
-ReloadResult ShareSet::Reload(const std::string& exportsFile) {
-    XoCriticalSectionGuard reload(reloadSection_);
+ReloadResult ShareSet::Compare(const std::string& exportsFile, bool make,
+                               std::vector<ServedShare>* shares) {
     std::map<std::string, ServedShare> before;
     for (ServedShare& served : All()) before.emplace(served.config.path, std::move(served));
 
@@ -126,7 +127,6 @@ ReloadResult ShareSet::Reload(const std::string& exportsFile) {
         file = ReadExportsFile(exportsFile);
         result.errors = std::move(file.errors);
     }
-    std::vector<ServedShare> shares;
     for (const ShareConfig& config : file.shares) {
         const auto old = before.find(config.path);
         ShareChange change{config.path, config.id, {}, true};
@@ -137,19 +137,21 @@ ReloadResult ShareSet::Reload(const std::string& exportsFile) {
                 change.handlesKept = false;
             }
             if (change.what.empty()) {
-                shares.push_back({config, old->second.share});
+                shares->push_back({config, old->second.share});
                 before.erase(old);
                 ++result.unchanged;
                 continue;
             }
         }
-        std::string error;
-        ExportPtr share = maker_.make(config, &error);
-        if (!share) {
-            result.errors.push_back({exportsFile, config.line, error});
-            continue;
+        if (make) {
+            std::string error;
+            ExportPtr share = maker_.make(config, &error);
+            if (!share) {
+                result.errors.push_back({exportsFile, config.line, error});
+                continue;
+            }
+            shares->push_back({config, std::move(share)});
         }
-        shares.push_back({config, std::move(share)});
         (old != before.end() ? result.changed : result.added).push_back(std::move(change));
         if (old != before.end()) before.erase(old);
     }
@@ -160,10 +162,23 @@ ReloadResult ShareSet::Reload(const std::string& exportsFile) {
     } else {
         for (const auto& [path, served] : before)
             result.removed.push_back({path, served.config.id, {}, false});
-        Serve(std::move(shares));
     }
+    return result;
+}
+
+ReloadResult ShareSet::Reload(const std::string& exportsFile) {
+    XoCriticalSectionGuard reload(reloadSection_);
+    std::vector<ServedShare> shares;
+    ReloadResult result = Compare(exportsFile, true, &shares);
+    if (result.errors.empty()) Serve(std::move(shares));
     LogResult(exportsFile, result);
     return result;
+}
+
+ReloadResult ShareSet::Preview(const std::string& exportsFile) {
+    XoCriticalSectionGuard reload(reloadSection_);
+    std::vector<ServedShare> none;
+    return Compare(exportsFile, false, &none);
 }
 
 }  // namespace oxel

@@ -4,6 +4,7 @@
 // changing them while calls are under way.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -26,6 +27,8 @@ struct ShareMaker {
     std::function<ExportPtr(const ShareConfig& config, std::string* error)> make;
     // Whether a share whose line has not changed still serves what its directory's path leads to.
     std::function<bool(const ExportPtr& share, const ShareConfig& config)> isCurrent;
+    // Whether files are accessed with the callers' rights, not always with the process's own.
+    bool actsForCallers = true;
 };
 
 struct ShareChange {
@@ -51,15 +54,25 @@ class ShareSet {
     // they began on. Logs what came of it. Blocks while host names are resolved, and while another
     // thread reloads.
     ReloadResult Reload(const std::string& exportsFile);
+    // What Reload would answer if every share that it makes could be made. Changes nothing and logs
+    // nothing; blocks as Reload does.
+    ReloadResult Preview(const std::string& exportsFile);
     // In the order of the file. Does not wait for a reload.
     std::vector<ServedShare> All();
     size_t Count();
+    // ShareMaker's; true before Load.
+    bool ActsForCallers() const { return actsForCallers_; }
 
   private:
+    // Reads the file and compares; makes the shares that are new or changed if `make`. Those that
+    // are to be served then go into *shares.
+    ReloadResult Compare(const std::string& exportsFile, bool make,
+                         std::vector<ServedShare>* shares) REQUIRES(reloadSection_);
     void Serve(std::vector<ServedShare> shares) REQUIRES(reloadSection_);
 
     XoCriticalSection reloadSection_ ACQUIRED_BEFORE(section_);  // held for a whole reload
     ShareMaker maker_ GUARDED_BY(reloadSection_);
+    std::atomic<bool> actsForCallers_{true};
     XoCriticalSection section_;
     std::vector<ServedShare> shares_ GUARDED_BY(section_);
 };

@@ -6,7 +6,7 @@
 
 namespace oxel {
 
-static constexpr size_t kWordBytesMax = 64;
+static constexpr size_t kWordBytesMax = 256;
 
 static std::string Lower(const std::string& word) {
     std::string lower = word;
@@ -38,6 +38,10 @@ std::string NearestWord(const std::string& word, const std::vector<std::string>&
     std::string best;
     size_t bestDistance = std::max<size_t>(2, word.size() / 3) + 1;
     for (const std::string& candidate : valid) {
+        // So many bytes at least must be put in or taken out.
+        if (std::max(word.size(), candidate.size()) - std::min(word.size(), candidate.size()) >=
+            bestDistance)
+            continue;
         const size_t distance = EditDistance(lower, Lower(candidate));
         if (distance < bestDistance && distance < std::max(word.size(), candidate.size())) {
             best = candidate;

@@ -34,7 +34,8 @@ bool InitializeFileSystemModules() {
     FSMCache::SetFSM(kUnlistedModuleType, oxel::MakeLocalModule(kUnlistedModuleType));
     OXEL_LOG(1, "%s", oxel::DescribeLocalModule().c_str());
 
-    oxel::gShareSet.Load(paths.exports, {oxel::MakeLocalExport, oxel::LocalExportIsCurrent});
+    oxel::gShareSet.Load(paths.exports, {oxel::MakeLocalExport, oxel::LocalExportIsCurrent,
+                                         oxel::LocalModuleActsForCallers()});
     gAllExports.LoadFromDisk();
     XoTimer::Register(OxelTimerTaskIdleFiles, CloseIdleFiles, kIdleFilesCheckMs, 0, nullptr);
     return true;

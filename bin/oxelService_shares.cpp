@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The control socket's answers about shares: which there are, who mounted them, and reading the
-// exports file anew.
+// The control socket's answers about shares: which there are, who mounted them, who may, and
+// reading the exports file anew.
+#include <unistd.h>
+
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "backend/Export.h"
 #include "backend/ExportCache.h"
+#include "backend/access_explanation.h"
 #include "backend/export_registry.h"
 #include "backend/exports_client.h"
 #include "backend/share_set.h"
@@ -77,24 +81,43 @@ static json Changes(const std::vector<oxel::ShareChange>& changes) {
     return list;
 }
 
+static std::string ExportsFileName() {
+    return oxel::InstancePaths(XOPI_Focus::focus()).exports;
+}
+
 static oxel::ReloadResult ReadSharesAnew() {
     oxel::ReloadResult result;
     {
         const oxel::Reloading told;
-        result = oxel::gShareSet.Reload(oxel::InstancePaths(XOPI_Focus::focus()).exports);
+        result = oxel::gShareSet.Reload(ExportsFileName());
     }
     RefreshStatusLine();
     return result;
 }
 
-static ControlReply Reload(const json&) {
-    const oxel::ReloadResult result = ReadSharesAnew();
+static ControlReply Refusal(const std::string& error) {
+    ControlReply reply;
+    reply.ok = false;
+    reply.error = error;
+    return reply;
+}
+
+// With "preview" nothing is done: the answer is what a reload would answer.
+static ControlReply Reload(const json& request) {
+    bool preview = false;
+    if (const auto found = request.find("preview"); found != request.end()) {
+        if (!found->is_boolean()) return Refusal("\"preview\" must be true or false");
+        preview = found->get<bool>();
+    }
+    const oxel::ReloadResult result =
+        preview ? oxel::gShareSet.Preview(ExportsFileName()) : ReadSharesAnew();
     ControlReply reply;
     if (!result.errors.empty()) {
         const size_t count = result.errors.size();
         reply.ok = false;
-        reply.error = "the shares stay as they were: " + std::to_string(count) +
-                      (count == 1 ? " error" : " errors") + " in the exports file";
+        reply.error =
+            (preview ? "a reload would change nothing: " : "the shares stay as they were: ") +
+            std::to_string(count) + (count == 1 ? " error" : " errors") + " in the exports file";
         json& errors = reply.body["errors"] = json::array();
         for (const oxel::ExportsError& error : result.errors)
             errors.push_back(
@@ -108,6 +131,40 @@ static ControlReply Reload(const json&) {
     return reply;
 }
 
+// What this process gives callers whose files it cannot access with their own rights.
+static std::optional<oxel::AccessGround::Ids> OwnIds() {
+    if (oxel::gShareSet.ActsForCallers()) return std::nullopt;
+    return oxel::AccessGround::Ids{geteuid(), getegid()};
+}
+
+// The text of a member; empty when it is missing or something else.
+static std::string Text(const json& request, const char* member) {
+    const auto found = request.find(member);
+    return found != request.end() && found->is_string() ? found->get<std::string>() : "";
+}
+
+static std::optional<uint64_t> Number(const json& request, const char* member) {
+    const auto found = request.find(member);
+    if (found == request.end() || found->is_null()) return std::nullopt;
+    // What is no number that can be is refused as one that is too large.
+    return found->is_number_unsigned() ? found->get<uint64_t>() : UINT64_MAX;
+}
+
+static ControlReply Why(const json& request) {
+    oxel::AccessQuestion question;
+    std::string error;
+    if (!oxel::ParseAccessQuestion(Text(request, "address"), Text(request, "path"),
+                                   Number(request, "port"), Number(request, "uid"), &question,
+                                   &error))
+        return Refusal(error);
+    oxel::AccessGround ground{{}, ExportsFileName(), OwnIds()};
+    for (oxel::ServedShare& served : oxel::gShareSet.All())
+        ground.shares.push_back(std::move(served.config));
+    ControlReply reply;
+    reply.body = oxel::AccessExplanationJson(oxel::ExplainAccess(ground, question));
+    return reply;
+}
+
 void ReloadShares() {
     (void)ReadSharesAnew();  // the log has the outcome
 }
@@ -116,4 +173,5 @@ void InstallShareControlHandlers() {
     oxel::SetControlHandler("exports", Exports);
     oxel::SetControlHandler("mounts", Mounts);
     oxel::SetControlHandler("reload", Reload);
+    oxel::SetControlHandler("why", Why);
 }

@@ -66,7 +66,7 @@ ExitCode Fail(const Settings& settings, ExitCode code, const std::string& why, j
     return code;
 }
 
-ExitCode Ask(const Settings& settings, const json& request, unsigned timeoutMs, const Show& show) {
+ExitCode Request(const Settings& settings, const json& request, unsigned timeoutMs, json* body) {
     const std::string socket = InstancePaths(settings.instance).controlSocket;
     ControlReply reply;
     if (!ControlCall(socket, request, timeoutMs, &reply))
@@ -77,10 +77,18 @@ ExitCode Ask(const Settings& settings, const json& request, unsigned timeoutMs, 
             (void)fprintf(stderr, "%s\n", ErrorLine(error).c_str());
         return code;
     }
+    *body = std::move(reply.body);
+    return kDone;
+}
+
+ExitCode Ask(const Settings& settings, const json& request, unsigned timeoutMs, const Show& show) {
+    json body;
+    if (const ExitCode code = Request(settings, request, timeoutMs, &body); code != kDone)
+        return code;
     if (settings.json) {
-        PrintJson(reply.body);
+        PrintJson(body);
     } else {
-        show(reply.body);
+        show(body);
     }
     return kDone;
 }

@@ -27,6 +27,11 @@ std::string ErrorLine(const nlohmann::json& error);
 ExitCode Fail(const Settings& settings, ExitCode code, const std::string& why,
               nlohmann::json details = nlohmann::json::object());
 
+// Makes the request; *body is the answer of a daemon that has done it. Otherwise says why there is
+// none.
+ExitCode Request(const Settings& settings, const nlohmann::json& request, unsigned timeoutMs,
+                 nlohmann::json* body);
+
 // Makes the request and has `show` print the answer, unless it is to be JSON. A refusal's "errors"
 // are shown line by line.
 ExitCode Ask(const Settings& settings, const nlohmann::json& request, unsigned timeoutMs,

@@ -88,6 +88,15 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
     verb("log-level", "Shows or sets the level of the daemon's log", oxel::ctl::LogLevel)
         ->add_option("N", settings.level, "0 (errors and warnings) to 4 (everything)")
         ->check(CLI::Range(0, 4));
+    CLI::App* why = verb("why", "Explains what a client gets that mounts a path", oxel::ctl::Why);
+    why->add_option("ADDRESS", settings.why.address, "The client's IPv4 or IPv6 address")
+        ->required();
+    why->add_option("PATH", settings.why.path, "The path that it mounts")->required();
+    why->add_option("--port", settings.why.port, "The client's port")->type_name("N");
+    why->add_option("--uid", settings.why.uid, "The user id that the client sends")->type_name("N");
+    why->add_option("--file", settings.why.file,
+                    "An exports file to read instead of asking the daemon for its shares")
+        ->type_name("FILE");
     verb("start-network", "Has the daemon start its network services now", oxel::ctl::StartNetwork)
         ->add_flag("--register", settings.registerPortMapper,
                    "Also register them with the port mapper");

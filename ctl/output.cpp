@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <string_view>
 
 #include "base/log.h"
 
@@ -53,6 +54,25 @@ std::string Shown(const json& object, const char* member) {
     if (found->is_boolean()) return found->get<bool>() ? "yes" : "no";
     if (found->is_string()) return EscapeControl(found->get<std::string>());
     return EscapeControl(found->dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
+// What a rule says when it says nothing; programs get these words too, people need not read them.
+static bool IsDefault(std::string_view option) {
+    for (const char* word :
+         {"root_squash", "secure", "no_manage_gids", "anonuid=65534", "anongid=65534"})
+        if (option == word) return true;
+    return false;
+}
+
+std::string OptionsText(const json& rule) {
+    std::string options;
+    if (const auto words = rule.find("options"); words != rule.end() && words->is_array()) {
+        for (const json& word : *words) {
+            if (!word.is_string() || IsDefault(word.get_ref<const std::string&>())) continue;
+            options += (options.empty() ? "" : ",") + word.get<std::string>();
+        }
+    }
+    return EscapeControl(options);
 }
 
 std::string ShownDuration(const json& object, const char* member) {

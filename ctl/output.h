@@ -37,5 +37,11 @@ std::string ShownBytes(uint64_t bytes);
 
 // "12.3 us", "4.56 ms", "7.89 s"; "-" for none.
 std::string ShownMicroseconds(double microseconds);
+// The options of a client's rule that are not the default: "rw,insecure".
+std::string OptionsText(const nlohmann::json& rule);
+
+// What a reload changes, or would change; false, with nothing printed, when it is nothing.
+// verbs_shares.cpp
+bool PrintChanges(const nlohmann::json& body);
 
 }  // namespace oxel::ctl

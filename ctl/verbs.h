@@ -3,6 +3,7 @@
 // What oxelctl can ask a daemon for.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -24,10 +25,14 @@ struct Settings {
     bool registerPortMapper = false;  // start-network
     bool watch = false;               // stats
     std::string by = "procedure";     // stats: or "share", "client"
+    struct {
+        std::string address, path, file;
+        std::optional<uint64_t> port, uid;
+    } why;
 };
 
-// Reads the files of the instance itself; every other verb makes one request to the daemon. Each
-// prints the answer and says how it went.
+// Each makes one request to the daemon, prints the answer and says how it went. Check reads the
+// files of the instance itself, and asks the daemon only what a reload would do.
 ExitCode Check(const Settings& settings);
 ExitCode Status(const Settings& settings);
 ExitCode Perf(const Settings& settings);
@@ -41,5 +46,7 @@ ExitCode Reload(const Settings& settings);
 // verbs_calls.cpp
 ExitCode Clients(const Settings& settings);
 ExitCode Stats(const Settings& settings);
+// why.cpp. With a file it asks no daemon.
+ExitCode Why(const Settings& settings);
 
 }  // namespace oxel::ctl

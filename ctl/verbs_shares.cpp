@@ -2,7 +2,6 @@
 //
 // The shares: what is served to whom, who mounted it, and having the file read anew.
 #include <cstdio>
-#include <string_view>
 #include <vector>
 
 #include "base/log.h"
@@ -15,27 +14,12 @@ using nlohmann::json;
 
 namespace {
 
-// What a rule says when it says nothing; programs get these words too, people need not read them.
-bool IsDefault(std::string_view option) {
-    for (const char* word :
-         {"root_squash", "secure", "no_manage_gids", "anonuid=65534", "anongid=65534"})
-        if (option == word) return true;
-    return false;
-}
-
 // "10.0.0.0/8(rw,insecure) *(ro)"
 std::string ClientsText(const json& share) {
     std::string text;
     for (const json& client : Listed(share, "clients")) {
-        std::string options;
-        if (const auto words = client.find("options"); words != client.end() && words->is_array()) {
-            for (const json& word : *words) {
-                if (!word.is_string() || IsDefault(word.get_ref<const std::string&>())) continue;
-                options += (options.empty() ? "" : ",") + word.get<std::string>();
-            }
-        }
-        text += (text.empty() ? "" : " ") + Shown(client, "client") + "(" + EscapeControl(options) +
-                ")";
+        text +=
+            (text.empty() ? "" : " ") + Shown(client, "client") + "(" + OptionsText(client) + ")";
     }
     return text.empty() ? "-" : text;
 }
@@ -81,23 +65,24 @@ ExitCode Mounts(const Settings& settings) {
     });
 }
 
+bool PrintChanges(const json& body) {
+    std::vector<std::vector<std::string>> rows;
+    for (const char* outcome : {"added", "removed", "changed"}) {
+        for (const json& change : Listed(body, outcome)) {
+            std::string what = WhatText(change);
+            // A share that is gone has no clients to tell.
+            if (change.value("handlesKept", json(true)) == json(false) && !what.empty())
+                what += " (clients that have it mounted must mount it again)";
+            rows.push_back({outcome, Shown(change, "path"), Shown(change, "id"), what});
+        }
+    }
+    if (!rows.empty()) PrintColumns({"outcome", "path", "id", "what"}, rows);
+    return !rows.empty();
+}
+
 ExitCode Reload(const Settings& settings) {
     return Ask(settings, {{"verb", "reload"}}, kAsLongAsItTakes, [](const json& body) {
-        std::vector<std::vector<std::string>> rows;
-        for (const char* outcome : {"added", "removed", "changed"}) {
-            for (const json& change : Listed(body, outcome)) {
-                std::string what = WhatText(change);
-                // A share that is gone has no clients to tell.
-                if (change.value("handlesKept", json(true)) == json(false) && !what.empty())
-                    what += " (clients that have it mounted must mount it again)";
-                rows.push_back({outcome, Shown(change, "path"), Shown(change, "id"), what});
-            }
-        }
-        if (rows.empty()) {
-            printf("Nothing has changed.\n");
-            return;
-        }
-        PrintColumns({"outcome", "path", "id", "what"}, rows);
+        if (!PrintChanges(body)) printf("Nothing has changed.\n");
     });
 }
 

@@ -108,8 +108,19 @@ XOIPAddr::XOIPAddr(const CLuIPAddr& address) : port_(address.GetPort()) {
     }
 }
 
+XOIPAddr::XOIPAddr(const unsigned char (&bytes)[16]) : port_(0) {
+    memcpy(bytes_, bytes, sizeof bytes_);
+}
+
 bool XOIPAddr::isV4() const {
     return memcmp(bytes_, kMappedPrefix, sizeof kMappedPrefix) == 0;
+}
+
+std::string XOIPAddr::GetAddressString() const {
+    sockaddr_in6 v6{};
+    v6.sin6_family = AF_INET6;
+    memcpy(v6.sin6_addr.s6_addr, bytes_, sizeof bytes_);
+    return CLuIPAddr(v6).GetAddressString();
 }
 
 bool XOIPAddr::operator==(const XOIPAddr& other) const {

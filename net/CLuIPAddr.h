@@ -42,9 +42,13 @@ class CLuIPAddr {
 class XOIPAddr {
   public:
     explicit XOIPAddr(const CLuIPAddr& address);
+    // From the 16-byte form, with port 0.
+    explicit XOIPAddr(const unsigned char (&bytes)[16]);
     const unsigned char* bytes() const { return bytes_; }  // 16, network order
     unsigned short port() const { return port_; }
     bool isV4() const;  // ::ffff:a.b.c.d
+    // Numeric text, as CLuIPAddr gives it.
+    std::string GetAddressString() const;
     bool operator==(const XOIPAddr& other) const;
 
   private:

@@ -113,15 +113,10 @@ const ClientOptions* OptionsFor(const LocalExport& share, const CLuIPAddr& clien
 }
 
 Identity Squash(const IdInfo& caller, const ClientOptions& options) {
-    Identity who{caller.uid, caller.gid, {}};
-    if (options.allSquash) return {options.anonUid, options.anonGid, {}};
+    Identity who{options.UidFor(caller.uid), options.GidFor(caller.gid), {}};
+    if (options.allSquash) return who;
     who.groups = options.manageGids ? GroupsOfUser(caller.uid) : caller.groups;
-    // The id that cannot exist is what some clients send for "nobody".
-    if (who.uid == kNoUid || (options.rootSquash && who.uid == 0)) who.uid = options.anonUid;
-    if (who.gid == kNoGid || (options.rootSquash && who.gid == 0)) who.gid = options.anonGid;
-    for (gid_t& group : who.groups) {
-        if (group == kNoGid || (options.rootSquash && group == 0)) group = options.anonGid;
-    }
+    for (gid_t& group : who.groups) group = options.GidFor(group);
     return who;
 }
 

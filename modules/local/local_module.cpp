@@ -102,6 +102,10 @@ FSMPtr MakeLocalModule(FSModuleType type) {
     return boost::make_shared<local::LocalModule>(type);
 }
 
+bool LocalModuleActsForCallers() {
+    return local::CanSwitchRights();
+}
+
 std::string DescribeLocalModule() {
     if (local::CanSwitchRights()) {
         return "Local files are accessed with the rights of each caller.";

@@ -35,6 +35,9 @@ ExportPtr MakeLocalExport(const ShareConfig& share, std::string* error);
 // equal line. True, so that the share stays, when the path cannot be looked at.
 bool LocalExportIsCurrent(const ExportPtr& served, const ShareConfig& share);
 
+// Whether files are accessed with the callers' rights, or always with the process's own.
+bool LocalModuleActsForCallers();
+
 // One line for the log at start: whose rights files are accessed with, and what kind of handles.
 std::string DescribeLocalModule();
 

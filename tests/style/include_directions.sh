@@ -24,7 +24,8 @@ declare -A exceptions=(
   [bin/oxelService_callinfo.cpp]="bin/oxelService_callinfo.h backend/ base/"
   [nfs3/nfs3types.h]="backend/"
   [mount3/mount3types.h]="backend/"
-  [ctl/check.cpp]="ctl/ base/ backend/exports_file.h"
+  [ctl/check.cpp]="ctl/ companion/ base/ backend/exports_file.h"
+  [ctl/why.cpp]="ctl/ companion/ base/ backend/exports_file.h backend/access_explanation.h"
 )
 unbound="tests fuzz bench"  # programs about the layers rather than layers
 

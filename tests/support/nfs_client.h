@@ -68,6 +68,9 @@ class NfsClient {
   public:
     explicit NfsClient(uint16_t port, uint32_t uid = 0, uint32_t gid = 0)
         : connection_(port), uid_(uid), gid_(gid) {}
+    NfsClient(uint16_t port, const std::string& fromAddress, bool fromReservedPort, uint32_t uid,
+              uint32_t gid)
+        : connection_(port, fromAddress, fromReservedPort), uid_(uid), gid_(gid) {}
 
     RpcConnection& Connection() { return connection_; }
     // Calls, built but not sent.

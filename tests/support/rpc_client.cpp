@@ -228,6 +228,35 @@ RpcConnection::RpcConnection(uint16_t port, Family family, bool fromReservedPort
     }
 }
 
+RpcConnection::RpcConnection(uint16_t port, const std::string& fromAddress, bool fromReservedPort) {
+    sockaddr_storage from{}, to{};
+    auto* from4 = reinterpret_cast<sockaddr_in*>(&from);
+    auto* from6 = reinterpret_cast<sockaddr_in6*>(&from);
+    socklen_t length = sizeof(sockaddr_in);
+    if (inet_pton(AF_INET, fromAddress.c_str(), &from4->sin_addr) == 1) {
+        from.ss_family = to.ss_family = AF_INET;
+        reinterpret_cast<sockaddr_in*>(&to)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        reinterpret_cast<sockaddr_in*>(&to)->sin_port = htons(port);
+    } else {
+        EXPECT_EQ(inet_pton(AF_INET6, fromAddress.c_str(), &from6->sin6_addr), 1) << fromAddress;
+        length = sizeof(sockaddr_in6);
+        from.ss_family = to.ss_family = AF_INET6;
+        reinterpret_cast<sockaddr_in6*>(&to)->sin6_addr = in6addr_loopback;
+        reinterpret_cast<sockaddr_in6*>(&to)->sin6_port = htons(port);
+    }
+    fd_ = socket(from.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int on = 1;
+    setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    const bool bound = fromReservedPort
+                           ? BindReserved(fd_, from, length)
+                           : bind(fd_, reinterpret_cast<sockaddr*>(&from), length) == 0;
+    if (!bound || connect(fd_, reinterpret_cast<sockaddr*>(&to), length) != 0) {
+        ADD_FAILURE() << "connect from " << fromAddress << ": " << strerror(errno);
+        Close();
+    }
+}
+
 RpcConnection::~RpcConnection() {
     Close();
 }

@@ -107,6 +107,8 @@ class RpcConnection {
     enum class Family { kIPv4, kIPv6 };
     explicit RpcConnection(uint16_t port, Family family = Family::kIPv4,
                            bool fromReservedPort = false, int receiveBufferBytes = 0);
+    // From an address of this machine's loopback interface: 127.0.0.9, ::1.
+    RpcConnection(uint16_t port, const std::string& fromAddress, bool fromReservedPort);
     ~RpcConnection();
     RpcConnection(const RpcConnection&) = delete;
     RpcConnection& operator=(const RpcConnection&) = delete;
