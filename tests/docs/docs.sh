@@ -19,14 +19,8 @@ in_list() {  # word, list
   [[ " ${2//$'\n'/ } " == *" $1 "* ]]
 }
 
-# What is written down before it is there.
-# shellcheck disable=SC2034  # not every script looks at both
-coming_verbs="why" coming_targets="package"
-coming() { in_list "$1" "$coming_verbs" && ! in_list "$1" "$(verbs_of_the_program)"; }
-known_verb() { in_list "$1" "$(verbs_of_the_program)" || coming "$1"; }
-words_with() {  # the verbs with a beginning, in one line
-  { verbs_of_the_program; echo "$coming_verbs" | tr ' ' '\n'; } | sort -u | grep "^$1" | paste -sd ' '
-}
+known_verb() { in_list "$1" "$(verbs_of_the_program)"; }
+words_with() { verbs_of_the_program | grep "^$1" | sort | paste -sd ' '; }  # verbs with a beginning
 
 program_verbs=$("$OXELCTL" --help | sed -n '/^Verbs:/,/^$/s/^  \([a-z-]*\) .*/\1/p')
 [[ -n $program_verbs ]] || complain "oxelctl --help shows no verbs"

@@ -24,11 +24,7 @@ both_ways() {  # what, of the program, of the page
 # Verbs and flags of oxelctl: between .Ss Verbs and the next section each item is a verb.
 verbs=$(sed -n '/^\.Ss Verbs/,/^\.Sh/p' man/oxelctl.8 |
   sed -n '/^\.It Xo$/{n;s/^\.Cm/.It Cm/;};s/^\.It Cm \([a-z-]*\).*/\1/p')
-program=$(verbs_of_the_program)
-for verb in $coming_verbs; do
-  ! coming "$verb" || ! in_list "$verb" "$verbs" || program+=$'\n'$verb
-done
-both_ways "the verb" "$program" "$verbs"
+both_ways "the verb" "$(verbs_of_the_program)" "$verbs"
 for verb in $(verbs_of_the_program); do
   # What stands from the verb's item to the next verb's, .Bl items of other kinds included.
   item=$(awk -v verb="$verb" '/^\.Ss Verbs/ {on = 1} /^\.Sh/ {on = 0}

@@ -2,8 +2,6 @@
 //
 // What a module owes the daemon and its clients, held by the example module: handles, rights,
 // reloads, listings that go on.
-#include <signal.h>
-
 #include <set>
 
 #include "tests/memory/memory_fixture.h"
