@@ -119,6 +119,7 @@ done
 
 # What the variables offer.
 for variable in instance share; do
+  # shellcheck disable=SC2016  # the dollar sign is Grafana's
   query=$(jq -r --arg name "$variable" '.templating.list[] | select(.name == $name) | .definition' \
     "$dashboard" | sed -E 's/^label_values\((.*), *[a-z]+\)$/\1/; s/\$instance/.*/')
   rig_prometheus "label/$variable/values" --get --data-urlencode "match[]=$query" |
@@ -128,5 +129,8 @@ rig_prometheus rules |
   jq -e '[.data.groups[].rules[]] | length > 0 and all(.health == "ok")' >/dev/null ||
   wrong "An alert cannot be evaluated: $(rig_prometheus rules)"
 
-[[ $failures -eq 0 ]] || exit 1
+if [[ $failures -gt 0 ]]; then
+  tail -n 5 "$rig_work/loads" "$rig_work/stderr" "$rig_log" "$rig_work/prometheus.log" >&2 || true
+  exit 1
+fi
 echo "$targets targets have data, $(wc -l <"$rig_work/families") families are shown and told of."
