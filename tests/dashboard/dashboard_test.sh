@@ -42,7 +42,8 @@ said=$(promtool test rules tests/dashboard/alerts_test.yml 2>&1) || wrong "$said
 rig_start_daemon
 rig_start_prometheus "$PWD/$alerts"
 rig_begin_load projects mix --file mix --connections 4 --depth 4 --seconds 600
-rig_begin_load projects write --stable 2 --connections 8 --depth 8 --seconds 600
+rig_begin_load projects write --stable 2 --connections 8 --depth 8 \
+  --seconds 600 --from 127.0.0.2
 rig_background rig_mistakes_for_ever
 rig_background rig_idlers_for_ever
 
@@ -125,8 +126,11 @@ for variable in instance share; do
   rig_prometheus "label/$variable/values" --get --data-urlencode "match[]=$query" |
     jq -e '.data | length > 0' >/dev/null || wrong "The variable $variable offers nothing: $query"
 done
-rig_prometheus rules |
-  jq -e '[.data.groups[].rules[]] | length > 0 and all(.health == "ok")' >/dev/null ||
+alerts_can_be_evaluated() {
+  rig_prometheus rules |
+    jq -e '[.data.groups[].rules[]] | length > 0 and all(.health == "ok")' >/dev/null
+}
+rig_until "$bound" alerts_can_be_evaluated ||
   wrong "An alert cannot be evaluated: $(rig_prometheus rules)"
 
 if [[ $failures -gt 0 ]]; then

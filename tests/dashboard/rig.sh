@@ -74,9 +74,9 @@ rig_start_daemon() {
   "$OXEL_TREE" mix "$rig_work/srv/projects/mix"
   "$OXEL_TREE" data "$rig_work/srv/media/data" $((8 << 20))
   cat >"$rig_work/etc/oxelnfsd/$rig_instance.exports" <<EXPORTS
-/projects -dir=$rig_work/srv/projects 127.0.0.1(rw,no_root_squash,insecure)
-/media    -dir=$rig_work/srv/media    127.0.0.1(rw,no_root_squash,insecure)
-/archive  -dir=$rig_work/srv/archive  127.0.0.1(ro,no_root_squash,insecure)
+/projects -dir=$rig_work/srv/projects 127.0.0.0/8(rw,no_root_squash,insecure)
+/media    -dir=$rig_work/srv/media    127.0.0.0/8(rw,no_root_squash,insecure)
+/archive  -dir=$rig_work/srv/archive  127.0.0.0/8(ro,no_root_squash,insecure)
 EXPORTS
   for _ in $(seq 20); do
     rig_metrics_port=$(rig_some_port)
@@ -105,7 +105,9 @@ CONF
 rig_prometheus() { rig_get "http://127.0.0.1:$rig_prometheus_port/api/v1/$1" "${@:2}"; }
 rig_prometheus_scrapes() {
   kill -0 "$rig_started" 2>/dev/null || return 0
-  [[ "$(rig_prometheus targets 2>/dev/null | jq -r '.data.activeTargets[0].health' 2>/dev/null)" == up ]]
+  # Our target, because another Prometheus may have the port.
+  rig_prometheus targets 2>/dev/null | jq -e --arg port ":$rig_metrics_port/" '
+    .data.activeTargets[0] | .health == "up" and (.scrapeUrl | contains($port))' >/dev/null 2>&1
 }
 
 # rig_start_prometheus RULES
