@@ -163,7 +163,7 @@ TEST_P(Notify, ReadyIsToldOnceAllServicesAnswer) {
     Manager manager(tree_, 0);
     ASSERT_TRUE(daemon_.Start());
     EXPECT_EQ(manager.NextWith("READY=1"), "READY=1");
-    EXPECT_EQ(manager.NextWith("STATUS=serving"), Serving("1 share") + "0 connections, 0 calls/s");
+    EXPECT_EQ(manager.NextWith("STATUS=serving"), Serving("1 share") + "0 clients, 0 calls/s");
     EXPECT_NE(ThreadNamed(daemon_.Pid(), "NOTIFY"), 0);
 }
 
@@ -183,7 +183,7 @@ TEST_P(Notify, StatusLineCountsConnectionsAndCalls) {
         return rate >= 2;
     }));
     connection.Close();
-    ASSERT_TRUE(WaitUntil([&] { return Has(manager.Next(), ": 0 connections, 0 calls/s"); }));
+    ASSERT_TRUE(WaitUntil([&] { return Has(manager.Next(), ": 0 clients, 0 calls/s"); }));
 }
 
 TEST_P(Notify, WhoSharesNothingIsToldWhere) {
