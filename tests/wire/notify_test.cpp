@@ -167,7 +167,7 @@ TEST_P(Notify, ReadyIsToldOnceAllServicesAnswer) {
     EXPECT_NE(ThreadNamed(daemon_.Pid(), "NOTIFY"), 0);
 }
 
-TEST_P(Notify, StatusLineCountsConnectionsAndCalls) {
+TEST_P(Notify, StatusLineCountsClientsAndCalls) {
     Manager manager(tree_, 1000);
     ASSERT_TRUE(daemon_.Start());
     RpcConnection connection(daemon_.Port());
@@ -179,7 +179,7 @@ TEST_P(Notify, StatusLineCountsConnectionsAndCalls) {
             EXPECT_TRUE(connection.Call(call).Success());
         }
         const std::string message = manager.Next(0);
-        rate = std::max(rate, NumberAfter(message, ": 1 connection, "));
+        rate = std::max(rate, NumberAfter(message, ": 1 client, "));
         return rate >= 2;
     }));
     connection.Close();
