@@ -235,13 +235,13 @@ void CountRejection(Rejection reason) {
 
 std::vector<ProcedureReading> ReadProcedures() {
     std::vector<ProcedureReading> all;
-    const auto add = [&all](RpcProgram program, const ProcedureRow& row, const ShareAccount* share,
-                            const std::atomic<CallMeter*>& place) {
+    const auto add = [&all](RpcProgram program, int number, const ProcedureRow& row,
+                            const ShareAccount* share, const std::atomic<CallMeter*>& place) {
         const CallMeter* meter = place.load(std::memory_order_acquire);
         if (meter == nullptr) return;
         std::string name = row.name;
         if (name.ends_with('3')) name.pop_back();  // the protocol's version
-        ProcedureReading reading{program, std::move(name), 0, "", meter->Read()};
+        ProcedureReading reading{program, number, std::move(name), 0, "", meter->Read()};
         if (share != nullptr) {
             reading.shareId = share->id;
             reading.sharePath = share->path;
@@ -249,10 +249,12 @@ std::vector<ProcedureReading> ReadProcedures() {
         all.push_back(std::move(reading));
     };
     for (const ShareAccount* share : gShares.All())
-        for (size_t i = 0; i < share->procedures.size(); ++i)
-            add(RpcProgram::kNfs, Nfsv3Handlers[i], share, share->procedures[i]);
-    for (size_t i = 0; i < gMountMeters.size(); ++i)
-        add(RpcProgram::kMount, Mountv3Handlers[i], nullptr, gMountMeters[i]);
+        for (int i = 0; i < kNfs3ProcedureCount; ++i)
+            add(RpcProgram::kNfs, i, Nfsv3Handlers[i], share,
+                share->procedures[static_cast<size_t>(i)]);
+    for (int i = 0; i < kMount3ProcedureCount; ++i)
+        add(RpcProgram::kMount, i, Mountv3Handlers[i], nullptr,
+            gMountMeters[static_cast<size_t>(i)]);
     return all;
 }
 

@@ -66,6 +66,7 @@ enum class RpcProgram : uint8_t { kNfs, kMount };
 
 struct ProcedureReading {
     RpcProgram program;
+    int number;             // of the procedure in its program
     std::string procedure;  // "GETATTR"
     uint32_t shareId;       // 0: the call named no share that there is
     std::string sharePath;  // as it was when the share was first used; empty for 0

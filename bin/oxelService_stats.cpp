@@ -56,16 +56,15 @@ const char* ProgramText(RpcProgram program) {
 json ByProcedure(const std::vector<ProcedureReading>& readings, bool withBuckets) {
     json list = json::array();
     // A procedure's readings lie apart, one for each share.
-    std::vector<std::pair<const ProcedureReading*, MeterReading>> sums;
-    std::map<std::pair<RpcProgram, std::string>, size_t> places;
+    std::map<std::pair<RpcProgram, int>, std::pair<std::string, MeterReading>> sums;
     for (const ProcedureReading& one : readings) {
-        const auto [place, isNew] = places.try_emplace({one.program, one.procedure}, sums.size());
-        if (isNew) sums.emplace_back(&one, MeterReading{});
-        sums[place->second].second.Add(one.meter);
+        auto& [name, meter] = sums[{one.program, one.number}];
+        name = one.procedure;
+        meter.Add(one.meter);
     }
-    for (const auto& [one, meter] : sums) {
-        json entry = {{"program", ProgramText(one->program)}, {"procedure", one->procedure}};
-        AddMeter(meter, withBuckets, &entry);
+    for (const auto& [procedure, sum] : sums) {
+        json entry = {{"program", ProgramText(procedure.first)}, {"procedure", sum.first}};
+        AddMeter(sum.second, withBuckets, &entry);
         list.push_back(std::move(entry));
     }
     return list;
