@@ -16,6 +16,7 @@
 #include "backend/ExportCache.h"
 #include "backend/FSM.h"
 #include "backend/FSMCache.h"
+#include "backend/refusal_log.h"
 #include "base/log.h"
 #include "mount3/mount3xdr.h"
 #include "nfs3/nfs3proc.h"
@@ -56,6 +57,7 @@ bool_t Handle_MNT3(CallInfo3* call) {
     if (!FindRequestedExport(requested, stored, share)) {
         result.fhs_status = MNT3ERR_NOENT;
         OXEL_LOG(1, "[%s] is not exported.", requested);
+        oxel::LogRefusedPath(call->identity.clientAddress, requested);
         return TRUE;
     }
     const CLuIPAddr& client = call->identity.clientAddress;

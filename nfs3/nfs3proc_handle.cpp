@@ -4,6 +4,7 @@
 // procedure. A handle is stale when its module, its share or its object is not there any more;
 // nothing else ages a handle.
 #include "backend/FSMCache.h"
+#include "backend/refusal_log.h"
 #include "base/log.h"
 #include "base/perf_counter.h"
 #include "nfs3/nfs3proc.h"
@@ -41,6 +42,7 @@ nfsstat3 ValidateAndAuthorize(const nfs_fh3& handle, const IdInfo& id, FSMPtr& m
     // whoever asks.
     if (forWrite && IsExportReadOnly(share)) {
         OXEL_LOG(-1, "Write Access denied for share [%s]", share->GetPath().c_str());
+        oxel::LogRefusedChange(id.clientAddress, share->GetPath(), nullptr);
         return NFS3ERR_ACCES;
     }
     if (!share->IsClientAllowed(XOIPAddr(id.clientAddress), std::string())) {

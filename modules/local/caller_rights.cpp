@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <optional>
 
+#include "backend/refusal_log.h"
 #include "modules/local/call_state.h"
 #include "modules/local/local_export.h"
 #include "modules/local/object.h"
@@ -160,6 +161,8 @@ CallerRights::CallerRights(const OxelCtxt* ctxt, const LocalObject& object, Need
         return;
     }
     if (need == Need::kModify && !options->writable) {
+        const CLuIPAddr& client = ctxt->id.clientAddress;
+        LogRefusedChange(client, share_->GetPath(), share_->Rules().Match(XOIPAddr(client)));
         errno = EROFS;
         return;
     }

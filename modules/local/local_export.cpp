@@ -12,6 +12,7 @@
 
 #include "backend/ExportCache.h"
 #include "backend/FdCache.h"
+#include "backend/refusal_log.h"
 #include "base/log.h"
 #include "modules/local/local_module.h"
 #include "modules/local/object_cache.h"
@@ -66,7 +67,9 @@ int LocalExport::AddMountPoint(const CLuIPAddr& client, nfs_fh3* root) {
 }
 
 bool LocalExport::IsClientAllowed(XOIPAddr client, const std::string&) {
-    return rules_.Allows(client);
+    if (rules_.Allows(client)) return true;
+    LogRefusedClient(client, GetPath(), rules_);
+    return false;
 }
 
 }  // namespace oxel::local
