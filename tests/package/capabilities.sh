@@ -51,7 +51,7 @@ failing() {
   chmod 0777 "$served"
   start 2049 "${without[@]}"
   mount_share "$served" "$mounted" soft,timeo=20,retrans=1,noac >/dev/null 2>&1 || { echo everything; return; }
-  cd "$mounted"
+  cd "$mounted" || exit
   exec 7>>held
   systemctl restart "$unit"  # nothing is known of a handle but what stands in it
   local right
