@@ -3,6 +3,9 @@
 # without each. Prints a table of what fails.
 . /package-test/lib.sh
 
+load_nfs_client
+mount -t tmpfs tmpfs /srv
+
 capabilities=(CAP_SETUID CAP_SETGID CAP_DAC_READ_SEARCH CAP_DAC_OVERRIDE CAP_FOWNER CAP_FSETID
   CAP_CHOWN CAP_NET_BIND_SERVICE)
 served=/srv/rights mounted=/run/client/rights
