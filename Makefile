@@ -25,6 +25,7 @@ run: build ## Serve a directory: make run DIR=/some/directory
 	@scripts/run.sh "$(DIR)" "$(PORT)"
 
 test: deps ## Everything: unit, wire and system tests of the release build
+	@scripts/install-packages.sh package
 	@scripts/test.sh release
 
 asan: deps ## The same tests under the address and undefined-behaviour sanitizers
@@ -56,6 +57,7 @@ bench-scale: deps ## Measure with many connections, files and shares: 10 minutes
 package: deps ## Make the Debian package (build/package)
 	@scripts/install-packages.sh package
 	@scripts/package.sh
+	@lintian build/package/oxelnfsd_*.changes
 
 format: ## Format the sources
 	@git ls-files '*.h' '*.cpp' | xargs clang-format -i

@@ -14,7 +14,7 @@ mkdir -p "$folder"
 folder=$(realpath "$folder")
 rm -rf "$folder/source" "$folder"/oxelnfsd*
 mkdir "$folder/source"
-git ls-files -z --cached --others --exclude-standard |
+git -c safe.directory='*' ls-files -z --cached --others --exclude-standard |
   tar -c --null --files-from=- --ignore-failed-read 2>/dev/null | tar -x -C "$folder/source"
 cp -r packaging/debian "$folder/source/debian"
 cat >"$folder/source/debian/changelog" <<CHANGELOG
@@ -22,7 +22,7 @@ oxelnfsd ($version+$revision) bookworm; urgency=medium
 
   * Version $version.
 
- -- $(sed -n 's/^Maintainer: //p' packaging/debian/control)  $(git log -1 --format=%aD 2>/dev/null || date -R)
+ -- $(sed -n 's/^Maintainer: //p' packaging/debian/control)  $(git -c safe.directory='*' log -1 --format=%aD 2>/dev/null || date -R)
 CHANGELOG
 
 if [[ -z "${OXEL_BUILD_DIR:-}" ]]; then

@@ -3,6 +3,9 @@
 # without each. Prints a table of what fails.
 . /package-test/lib.sh
 
+load_nfs_client
+mount -t tmpfs tmpfs /srv
+
 capabilities=(CAP_SETUID CAP_SETGID CAP_DAC_READ_SEARCH CAP_DAC_OVERRIDE CAP_FOWNER CAP_FSETID
   CAP_CHOWN CAP_NET_BIND_SERVICE)
 served=/srv/rights mounted=/run/client/rights
@@ -51,7 +54,7 @@ failing() {
   chmod 0777 "$served"
   start 2049 "${without[@]}"
   mount_share "$served" "$mounted" soft,timeo=20,retrans=1,noac >/dev/null 2>&1 || { echo everything; return; }
-  cd "$mounted"
+  cd "$mounted" || exit
   exec 7>>held
   systemctl restart "$unit"  # nothing is known of a handle but what stands in it
   local right

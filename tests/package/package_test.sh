@@ -28,6 +28,7 @@ trap 'rm -rf "$work"' EXIT
 in_root() {
   local root=$1
   shift
+  # shellcheck disable=SC2016  # the inner shell's
   unshare --mount --pid --fork --kill-child bash -c '
     mount -t proc proc "$0/proc" && mount -t tmpfs tmpfs "$0/run" &&
       exec chroot "$0" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 \
@@ -51,6 +52,7 @@ machine_packages=(systemd-sysv nfs-common kmod netbase)
 if [[ ! -e "$cache/root.tar" ]]; then
   step "making a Debian system"
   # The archives that this machine has Debian from; without its lists, Debian's own.
+  # shellcheck disable=SC2016  # apt's
   mapfile -t archives < <(apt-get indextargets 'Created-By: Packages' 'Origin: Debian' --format \
     'deb $(REPO_URI) $(RELEASE) $(COMPONENT)' 2>/dev/null | grep bookworm |
     sort -u)
@@ -121,6 +123,6 @@ cat "$root/package-test/output"
 step "looking for what is left"
 rm "$root/etc/systemd/system/package-test.service"
 files_of "$root" | diff "$work/before" - || fail "the purged package leaves something behind"
-left=$(cd "$root" && find etc usr lib var/lib/oxelnfsd var/log/oxelnfsd -name '*oxelnfsd*' 2>/dev/null || true)
+left=$(find "$root"/{etc,usr,lib,var/lib/oxelnfsd,var/log/oxelnfsd} -name "*oxelnfsd*" 2>/dev/null || true)
 [[ -z "$left" ]] || fail "left: $left"
 step "done"
