@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "base/instance.h"
 #include "base/log.h"
@@ -114,10 +115,14 @@ class StoreParser {
             return fault;
         if (!inSection_) return "no readable [Section] above this key";
         numbers_[{section_, std::string(key)}] = number;
+        lastKey_ = key;
         return "";
     }
 
     StoreNumbers TakeNumbers() { return std::move(numbers_); }
+    // The section that the line before belongs to, and its key; empty when it had none.
+    const std::string& Section() const { return section_; }
+    std::string TakeKey() { return std::exchange(lastKey_, ""); }
 
   private:
     std::string ParseSection(std::string_view line) {
@@ -136,7 +141,7 @@ class StoreParser {
     }
 
     StoreNumbers numbers_;
-    std::string section_;
+    std::string section_, lastKey_;
     bool inSection_ = false;
 };
 
@@ -222,7 +227,7 @@ bool IsValidInstanceName(const std::string& name) {
 }
 
 StoreNumbers ReadStoreFile(const std::string& file, std::vector<StoreError>* errors,
-                           const std::string* text) {
+                           const std::string* text, std::vector<StoreLine>* lines) {
     std::string content;
     if (text == nullptr) {
         if (const int error = ReadWholeFile(file, &content); error != 0) {
@@ -239,6 +244,8 @@ StoreNumbers ReadStoreFile(const std::string& file, std::vector<StoreError>* err
         const size_t end = std::min(rest.find('\n'), rest.size());
         if (std::string fault = parser.ParseLine(rest.substr(0, end)); !fault.empty())
             errors->push_back({file, line, std::move(fault)});
+        if (std::string key = parser.TakeKey(); lines != nullptr && !key.empty())
+            lines->push_back({parser.Section(), std::move(key), line});
         rest.remove_prefix(std::min(end + 1, rest.size()));
     }
     return parser.TakeNumbers();

@@ -50,14 +50,21 @@ struct StoreError {
     std::string reason;
 };
 
+// Where a number stands that could be read.
+struct StoreLine {
+    std::string section, key;
+    int line;
+};
+
 using StoreNumbers = std::map<std::pair<std::string, std::string>, uint64_t>;
 
 // Reads one store file: INI sections, "key = number" (decimal or 0x hexadecimal, up to 64 bits),
 // '#' and ';' comments. The last of two equal keys wins. A missing file gives an empty store; lines
 // that cannot be read are appended to `errors` and count as absent. Parses `text` when it is not
-// null instead of opening `file`.
+// null instead of opening `file`; appends a line for every number to `lines` when that is not null.
 StoreNumbers ReadStoreFile(const std::string& file, std::vector<StoreError>* errors,
-                           const std::string* text = nullptr);
+                           const std::string* text = nullptr,
+                           std::vector<StoreLine>* lines = nullptr);
 
 }  // namespace oxel
 

@@ -13,6 +13,7 @@ Options ParseOptions(int argc, char** argv) {
     CLI::App app("Load generator for an NFS version 3 server on this machine (127.0.0.1)");
     app.add_option("--port", options.port, "NFS port");
     app.add_option("--mount-port", options.mountPort, "MOUNT port; the NFS port by default");
+    app.add_option("--from", options.from, "Address of this machine to come from (127.0.0.2)");
     app.add_option("--share", options.share, "Path to mount");
     app.add_option("--file", options.file, "File or directory below the share to work on");
     app.add_option(

@@ -10,6 +10,7 @@ namespace bench {
 
 struct Options {
     uint16_t port = 2049, mountPort = 0;
+    std::string from;   // address that connections come from; any when empty
     std::string share;  // path to mount
     std::string file;   // file or directory below the share; the share's root when empty
     std::string set;    // directory below the share whose files are used at random

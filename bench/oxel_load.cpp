@@ -69,6 +69,7 @@ void Measure(const Options& options) {
 int Main(int argc, char** argv) {
     const Options options = ParseOptions(argc, argv);
     try {
+        if (!options.from.empty()) ConnectFrom(options.from);
         if (options.operation == "ready")
             AwaitReady(options);
         else

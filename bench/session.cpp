@@ -35,10 +35,22 @@ void AppendMode(Writer* call, uint32_t mode) {
 
 }  // namespace
 
+static in_addr gSource = {INADDR_ANY};
+
+void ConnectFrom(const std::string& address) {
+    if (inet_pton(AF_INET, address.c_str(), &gSource) != 1)
+        throw std::runtime_error(address + " is no IPv4 address");
+}
+
 oxel::UniqueFd Connect(uint16_t port) {
     oxel::UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
+    if (gSource.s_addr != INADDR_ANY) {
+        address.sin_addr = gSource;
+        if (bind(socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+            throw std::runtime_error(std::string("bind: ") + strerror(errno));
+    }
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (connect(socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)

@@ -16,6 +16,9 @@ namespace bench {
 
 // Connects to a port of 127.0.0.1; throws when nobody listens.
 oxel::UniqueFd Connect(uint16_t port);
+// The address that later connections come from ("127.0.0.2"): servers tell clients apart by it.
+// Throws when it is none.
+void ConnectFrom(const std::string& address);
 
 struct Entry {
     std::string name, handle;

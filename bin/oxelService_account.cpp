@@ -179,6 +179,12 @@ void LeaveClient(ClientAccount* client) {
     if (++registry.gone > kGoneClientsMost) ForgetOldest(registry);
 }
 
+size_t ConnectedClients() {
+    ClientRegistry& registry = Clients();
+    XoCriticalSectionGuard lock(registry.mutex);
+    return registry.clients.size() - registry.gone;
+}
+
 // ---- Calls ----
 
 void BeginCall(CallInfo3* call, ClientAccount* client) {

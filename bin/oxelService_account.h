@@ -41,6 +41,8 @@ struct ClientAccount {
 // elsewhere only). To be left once for each that was entered.
 ClientAccount* EnterClient(const CLuIPAddr& address);
 void LeaveClient(ClientAccount* client);
+// How many addresses have connections now.
+size_t ConnectedClients();
 
 // ---- Calls ----
 

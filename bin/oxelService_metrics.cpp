@@ -145,12 +145,9 @@ void AddConnections(Figures& figures) {
 
 void AddClients(Figures& figures, bool perClient) {
     const std::vector<ClientReading> clients = ReadClients();
-    uint64_t connected = 0, oldest = 0;
-    for (const ClientReading& one : clients) {
-        if (one.connections != 0) ++connected;
-        oldest = std::max(oldest, one.oldestNanoseconds);
-    }
-    figures.Gauge("clients", "Addresses that have connections.", connected);
+    uint64_t oldest = 0;
+    for (const ClientReading& one : clients) oldest = std::max(oldest, one.oldestNanoseconds);
+    figures.Gauge("clients", "Addresses that have connections.", ConnectedClients());
     figures.Begin("oldest_call_seconds", "Age of the oldest call that is under way.",
                   MetricType::Gauge);
     figures.Add({}, Seconds(oldest));

@@ -111,6 +111,9 @@ static void Dispatch(svc_req* request, SVCXPRT* transport) {
         throw;
     }
     PerfCounterWrapper timer("OXEL", kPerfCleanUp);
+    // The record keeps its share until the next MNT or UMNT. That may be days away; hardened, a
+    // share that is removed until then does not keep its file system busy.
+    if (gHardened) call.exportPtr.reset();
     freeArguments();
     if (call.row->release != nullptr) call.row->release(&call);
 }

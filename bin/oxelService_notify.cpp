@@ -19,7 +19,7 @@
 #include "base/sync.h"
 #include "base/thread.h"
 #include "bin/oxelService.h"
-#include "bin/oxelService_connection.h"
+#include "bin/oxelService_account.h"
 #include "bin/oxelService_pulse.h"
 
 namespace {
@@ -110,7 +110,7 @@ std::string StatusLine(uint64_t callsPerSecond) {
         return "serving no share on port " + port + ": " +
                oxel::InstancePaths(XOPI_Focus::focus()).exports + " has none";
     return "serving " + Counted(shares, "share", "shares") + " on port " + port + ": " +
-           Counted(Connection::Count(), "connection", "connections") + ", " +
+           Counted(ConnectedClients(), "client", "clients") + ", " +
            Counted(callsPerSecond, "call/s", "calls/s");
 }
 

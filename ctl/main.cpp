@@ -72,7 +72,7 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
         return command;
     };
     verb("status", "Shows what the daemon is doing", oxel::ctl::Status);
-    verb("check", "Reads the configuration and the shares, and shows every error; needs no daemon",
+    verb("check", "Shows every error in the files, and what a reload would change; needs no daemon",
          oxel::ctl::Check);
     verb("exports", "Shows the shares", oxel::ctl::Exports);
     verb("mounts", "Shows the clients that mounted a share", oxel::ctl::Mounts);

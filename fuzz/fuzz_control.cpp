@@ -90,12 +90,16 @@ class Protocol {
     void Reply(uint8_t verb, const std::string& text) {
         using namespace oxel::ctl;
         static constexpr ExitCode (*kVerbs[])(const Settings&) = {
-            Status, Perf, LogLevel, StartNetwork, Stop, Exports, Mounts, Reload};
+            Status, Perf,   LogLevel, StartNetwork, Stop, Exports,
+            Mounts, Reload, Clients,  Stats,        Why};
+        static constexpr uint8_t kJson = 0x40;
         Settings settings;
         settings.instance = kOther;
-        settings.json = verb / std::size(kVerbs) % 2 == 1;
+        settings.json = (verb & kJson) != 0;
+        settings.why.address = "10.0.0.5";
+        settings.why.path = "/a";
         answer_ = text;
-        const ExitCode code = kVerbs[verb % std::size(kVerbs)](settings);
+        const ExitCode code = kVerbs[(verb & ~kJson) % std::size(kVerbs)](settings);
         Demand(code == kDone || code == kRefused || code == kNoDaemon, "an exit code for usage");
     }
 

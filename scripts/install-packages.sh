@@ -20,7 +20,7 @@ packages=(
   prometheus curl jq
 )
 # Compared with and plotted with; nobody else needs them.
-[[ "${1:-}" != bench ]] || packages=(nfs-ganesha nfs-ganesha-vfs rpcbind gnuplot-nox)
+[[ "${1:-}" != bench ]] || packages=(nfs-ganesha nfs-ganesha-vfs rpcbind gnuplot-nox pngquant)
 [[ "${1:-}" != check ]] || packages=(clang clang-tidy clang-format cppcheck shellcheck)
 [[ "${1:-}" != fuzz ]] || packages=(clang libclang-rt-14-dev)
 [[ "${1:-}" != package ]] || packages=(debhelper dpkg-dev fakeroot lintian mmdebstrap user-mode-linux systemd)

@@ -17,7 +17,7 @@ namespace oxel::local {
 namespace {
 
 constexpr int64_t kKeepMs = 300'000;  // five minutes
-constexpr int kGroupsMax = 65536;  // the kernel's NGROUPS_MAX
+constexpr int kGroupsMax = 65536;     // the kernel's NGROUPS_MAX
 
 struct Answer {
     std::vector<gid_t> groups;

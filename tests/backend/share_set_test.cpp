@@ -120,6 +120,39 @@ TEST_F(ShareSetTest, AReloadTellsWhatCameWentAndChanged) {
         EXPECT_TRUE(log.Has(1, text)) << log.Dump();
 }
 
+TEST_F(ShareSetTest, APreviewTellsWhatAReloadWouldAndDoesNothing) {
+    const std::string other = "/m -dir=" + Dir("a") + ",id=5\n";
+    Load(Line("a", "id=1") + Line("b", "id=2") + other);
+    const int made = made_;
+    LogCapture log;
+    moved_ = {"/m"};
+    Write(Line("c", "id=3") + Line("a", "id=1,rw") + other);
+    const ReloadResult preview = set_.Preview(file_);
+    EXPECT_EQ(log.Dump(), "");
+    EXPECT_EQ(made_, made);
+    EXPECT_TRUE(Find("/a") && Find("/b"));
+    EXPECT_FALSE(Find("/c"));
+    EXPECT_EQ(set_.All().size(), 3u);
+    const ReloadResult done = set_.Reload(file_);
+    for (const ReloadResult& result : {preview, done}) {
+        EXPECT_TRUE(result.errors.empty());
+        EXPECT_EQ(Told(result.added), Texts{"/c"});
+        EXPECT_EQ(Told(result.removed), Texts{"/b"});
+        EXPECT_EQ(Told(result.changed), (Texts{"/a clients", "/m directory"}));
+        EXPECT_EQ(result.unchanged, 0u);
+    }
+}
+
+TEST_F(ShareSetTest, APreviewOfAFileWithErrorsTellsThem) {
+    Load(Line("a", "id=1"));
+    Write(Line("b", "id=2") + "/x *(rww)\n");
+    const ReloadResult preview = set_.Preview(file_);
+    ASSERT_EQ(preview.errors.size(), 1u);
+    EXPECT_EQ(preview.errors[0].line, 2);
+    EXPECT_TRUE(preview.added.empty() && preview.removed.empty() && preview.changed.empty());
+    EXPECT_TRUE(Find("/a"));
+}
+
 TEST_F(ShareSetTest, SharesWhoseLinesSayTheSameStayTheSameObjects) {
     Load(Line("a", "id=1") + Line("b", "id=2"));
     const ExportPtr a = Find("/a"), b = Find("/b");

@@ -42,7 +42,8 @@ said=$(promtool test rules tests/dashboard/alerts_test.yml 2>&1) || wrong "$said
 rig_start_daemon
 rig_start_prometheus "$PWD/$alerts"
 rig_begin_load projects mix --file mix --connections 4 --depth 4 --seconds 600
-rig_begin_load projects write --stable 2 --connections 8 --depth 8 --seconds 600
+rig_begin_load projects write --stable 2 --connections 8 --depth 8 \
+  --seconds 600 --from 127.0.0.2
 rig_background rig_mistakes_for_ever
 rig_background rig_idlers_for_ever
 
@@ -119,14 +120,21 @@ done
 
 # What the variables offer.
 for variable in instance share; do
+  # shellcheck disable=SC2016  # the dollar sign is Grafana's
   query=$(jq -r --arg name "$variable" '.templating.list[] | select(.name == $name) | .definition' \
     "$dashboard" | sed -E 's/^label_values\((.*), *[a-z]+\)$/\1/; s/\$instance/.*/')
   rig_prometheus "label/$variable/values" --get --data-urlencode "match[]=$query" |
     jq -e '.data | length > 0' >/dev/null || wrong "The variable $variable offers nothing: $query"
 done
-rig_prometheus rules |
-  jq -e '[.data.groups[].rules[]] | length > 0 and all(.health == "ok")' >/dev/null ||
+alerts_can_be_evaluated() {
+  rig_prometheus rules |
+    jq -e '[.data.groups[].rules[]] | length > 0 and all(.health == "ok")' >/dev/null
+}
+rig_until "$bound" alerts_can_be_evaluated ||
   wrong "An alert cannot be evaluated: $(rig_prometheus rules)"
 
-[[ $failures -eq 0 ]] || exit 1
+if [[ $failures -gt 0 ]]; then
+  tail -n 5 "$rig_work/loads" "$rig_work/stderr" "$rig_log" "$rig_work/prometheus.log" >&2 || true
+  exit 1
+fi
 echo "$targets targets have data, $(wc -l <"$rig_work/families") families are shown and told of."

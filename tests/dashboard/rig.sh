@@ -7,7 +7,7 @@
 
 rig_instance=Dashboard
 declare -a rig_pids=()
-rig_work='' rig_nfs_port='' rig_metrics_port='' rig_prometheus_port='' rig_started=''
+rig_work='' rig_log='' rig_nfs_port='' rig_metrics_port='' rig_prometheus_port='' rig_started=''
 
 rig_fail() {
   echo "$1" >&2
@@ -55,12 +55,12 @@ rig_scrape() { rig_get "http://127.0.0.1:$rig_metrics_port/metrics"; }
 # A port that is probably free: whoever takes it finds out, and tries the next one.
 rig_some_port() { echo $((20000 + (RANDOM * 32768 + RANDOM) % 12000)); }
 
+# The log's word, because another program may answer at the metrics' port.
 rig_daemon_serves() {
+  kill -0 "$rig_started" 2>/dev/null || return 0
   rig_nfs_port=$(sed -n 's/^NfsServerPort_v4 *= *//p' \
     "$rig_work/run/oxelnfsd/$rig_instance/runtime.conf" 2>/dev/null || true)
-  if ! kill -0 "$rig_started" 2>/dev/null; then return 0; fi
-  [[ -n "$rig_nfs_port" ]] && rig_scrape >/dev/null 2>&1 ||
-    grep -qs 'No metrics at' "$rig_work/var/log/oxelnfsd/$rig_instance.log"
+  [[ -n "$rig_nfs_port" ]] && grep -qs 'Metrics are at\|No metrics at' "$rig_log"
 }
 
 # One share for work, one for large files, one that is read-only. One handler thread, so that there
@@ -68,14 +68,15 @@ rig_daemon_serves() {
 rig_start_daemon() {
   local share
   rig_work=$(mktemp -d "${TMPDIR:-/tmp}/oxel-dashboard.XXXXXX")
+  rig_log=$rig_work/var/log/oxelnfsd/$rig_instance.log
   mkdir -p "$rig_work/etc/oxelnfsd"
   for share in projects media archive; do mkdir -p "$rig_work/srv/$share"; done
   "$OXEL_TREE" mix "$rig_work/srv/projects/mix"
   "$OXEL_TREE" data "$rig_work/srv/media/data" $((8 << 20))
   cat >"$rig_work/etc/oxelnfsd/$rig_instance.exports" <<EXPORTS
-/projects -dir=$rig_work/srv/projects 127.0.0.1(rw,no_root_squash,insecure)
-/media    -dir=$rig_work/srv/media    127.0.0.1(rw,no_root_squash,insecure)
-/archive  -dir=$rig_work/srv/archive  127.0.0.1(ro,no_root_squash,insecure)
+/projects -dir=$rig_work/srv/projects 127.0.0.0/8(rw,no_root_squash,insecure)
+/media    -dir=$rig_work/srv/media    127.0.0.0/8(rw,no_root_squash,insecure)
+/archive  -dir=$rig_work/srv/archive  127.0.0.0/8(ro,no_root_squash,insecure)
 EXPORTS
   for _ in $(seq 20); do
     rig_metrics_port=$(rig_some_port)
@@ -89,22 +90,24 @@ nMetricsPort = $rig_metrics_port
 nMetricsPerClient = 1
 CONF
     rm -f "$rig_work/run/oxelnfsd/$rig_instance/runtime.conf"
-    rm -f "$rig_work/var/log/oxelnfsd/$rig_instance.log"
+    rm -f "$rig_log"
     OXEL_ROOT=$rig_work rig_background "$OXELNFSD" -cn dashboard -vm "$rig_instance" -no_pm_reg \
       2>>"$rig_work/stderr"
     rig_until 60 rig_daemon_serves || break
     kill -0 "$rig_started" 2>/dev/null || break
-    if ! grep -qs 'No metrics at' "$rig_work/var/log/oxelnfsd/$rig_instance.log"; then return; fi
+    if ! grep -qs 'No metrics at' "$rig_log"; then return; fi
     rig_end "$rig_started"  # the port was taken
   done
-  tail -n 20 "$rig_work/stderr" "$rig_work/var/log/oxelnfsd/$rig_instance.log" >&2 || true
+  tail -n 20 "$rig_work/stderr" "$rig_log" >&2 || true
   rig_fail 'The daemon did not start with its metrics; its last words are above.'
 }
 
 rig_prometheus() { rig_get "http://127.0.0.1:$rig_prometheus_port/api/v1/$1" "${@:2}"; }
 rig_prometheus_scrapes() {
   kill -0 "$rig_started" 2>/dev/null || return 0
-  [[ "$(rig_prometheus targets 2>/dev/null | jq -r '.data.activeTargets[0].health' 2>/dev/null)" == up ]]
+  # Our target, because another Prometheus may have the port.
+  rig_prometheus targets 2>/dev/null | jq -e --arg port ":$rig_metrics_port/" '
+    .data.activeTargets[0] | .health == "up" and (.scrapeUrl | contains($port))' >/dev/null 2>&1
 }
 
 # rig_start_prometheus RULES
@@ -140,10 +143,11 @@ YML
 rig_load() {
   "$OXEL_LOAD" --port "$rig_nfs_port" --share "/$1" --op "$2" --warmup 0 "${@:3}" >/dev/null
 }
-# The same beside what follows.
+# The same beside what follows. Its last words need not be good: a connection of its own that it has
+# left idle is ended.
 rig_begin_load() {
   rig_background "$OXEL_LOAD" --port "$rig_nfs_port" --share "/$1" --op "$2" --warmup 0 "${@:3}" \
-    >/dev/null
+    >/dev/null 2>>"$rig_work/loads"
 }
 
 # A record as it is sent, in hexadecimal, and the reply's first bytes, if there is one.
@@ -161,9 +165,9 @@ rig_mistakes() {
   local call='00000001 00000000 00000002 000186a3 00000003' unix='00000001 00000014' nothing
   nothing='00000000 00000000'
   {
-    ! rig_load archive create-remove --seconds 0.1        # it is read-only
-    ! rig_load projects lookup --file none --seconds 0.1  # there is no such file
-    ! rig_load nowhere getattr --seconds 0.1              # there is no such share
+    rig_load archive create-remove --seconds 0.1 || true        # it is read-only
+    rig_load projects lookup --file none --seconds 0.1 || true  # there is no such file
+    rig_load nowhere getattr --seconds 0.1 || true              # there is no such share
   } 2>/dev/null
   rig_send "80000028 $call 00000063 $nothing $nothing"                                # no procedure
   rig_send "80000028 $call 00000001 $nothing $nothing"                                # no credential
@@ -171,7 +175,10 @@ rig_mistakes() {
   rig_send "ffffffff $call"                                                           # 2 GiB
 }
 rig_mistakes_for_ever() {
-  while true; do rig_mistakes; done
+  while true; do
+    rig_mistakes
+    sleep 0.2
+  done
 }
 # Connections that are ended because they are idle.
 rig_idlers_for_ever() {

@@ -163,11 +163,11 @@ TEST_P(Notify, ReadyIsToldOnceAllServicesAnswer) {
     Manager manager(tree_, 0);
     ASSERT_TRUE(daemon_.Start());
     EXPECT_EQ(manager.NextWith("READY=1"), "READY=1");
-    EXPECT_EQ(manager.NextWith("STATUS=serving"), Serving("1 share") + "0 connections, 0 calls/s");
+    EXPECT_EQ(manager.NextWith("STATUS=serving"), Serving("1 share") + "0 clients, 0 calls/s");
     EXPECT_NE(ThreadNamed(daemon_.Pid(), "NOTIFY"), 0);
 }
 
-TEST_P(Notify, StatusLineCountsConnectionsAndCalls) {
+TEST_P(Notify, StatusLineCountsClientsAndCalls) {
     Manager manager(tree_, 1000);
     ASSERT_TRUE(daemon_.Start());
     RpcConnection connection(daemon_.Port());
@@ -179,11 +179,11 @@ TEST_P(Notify, StatusLineCountsConnectionsAndCalls) {
             EXPECT_TRUE(connection.Call(call).Success());
         }
         const std::string message = manager.Next(0);
-        rate = std::max(rate, NumberAfter(message, ": 1 connection, "));
+        rate = std::max(rate, NumberAfter(message, ": 1 client, "));
         return rate >= 2;
     }));
     connection.Close();
-    ASSERT_TRUE(WaitUntil([&] { return Has(manager.Next(), ": 0 connections, 0 calls/s"); }));
+    ASSERT_TRUE(WaitUntil([&] { return Has(manager.Next(), ": 0 clients, 0 calls/s"); }));
 }
 
 TEST_P(Notify, WhoSharesNothingIsToldWhere) {
