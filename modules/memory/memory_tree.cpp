@@ -203,6 +203,7 @@ int Tree::Read(const Node& file, void* buffer, uint64_t offset, uint32_t count, 
 }
 
 int Tree::Resize(Node& file, uint64_t size) {
+    if (file.removed) return ESTALE;
     if (size > kBytesMax) return EFBIG;
     if (bytes_ - file.data.size() + size > kBytesMax) return ENOSPC;
     bytes_ -= file.data.size();
