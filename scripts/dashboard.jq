@@ -40,7 +40,8 @@ def plot_bare: "plot [0:1] [0:1] NaN notitle", "unset label";
 (.panels[] | . as $panel | .fieldConfig.defaults as $defaults
   | [$answers[] | select(.id == $panel.id) | .legend as $legend | .series[]
      | {name: named($legend; .metric),
-        points: ([.values[] | {key: (.[0] | floor | tostring), value: (.[1] | number)}] | from_entries)}]
+        points: ([.values[] | {key: (.[0] | floor | tostring), value: (.[1] | number)}] | from_entries)}
+     | select([.points[] | values] | length > 0)]
     as $series
   | if .type == "row" then
       bare, (.gridPos | place),

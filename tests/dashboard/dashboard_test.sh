@@ -41,8 +41,8 @@ said=$(promtool test rules tests/dashboard/alerts_test.yml 2>&1) || wrong "$said
 
 rig_start_daemon
 rig_start_prometheus "$PWD/$alerts"
-rig_begin_load projects mix --file mix --connections 4 --depth 4 --seconds 600
-rig_begin_load projects write --stable 2 --connections 8 --depth 8 \
+rig_begin_load projects mix --file mix --connections 1 --depth 2 --seconds 600
+rig_begin_load projects write --stable 2 --connections 4 --depth 4 \
   --seconds 600 --from 127.0.0.2
 rig_background rig_mistakes_for_ever
 rig_background rig_idlers_for_ever
