@@ -75,9 +75,12 @@ TEST_F(Mnt, OfAPathThatIsNotExportedIsNoent) {
     EXPECT_NE(0, Handle_MNT3(&record_));
     EXPECT_EQ(MNT3ERR_NOENT, result().fhs_status);
     EXPECT_EQ(nullptr, record_.exportPtr);
+    // Beside the line for administrators, which has a test of its own.
+    Lines own = log.Lines();
+    std::erase_if(own, [](const LogLine& line) { return line.function != kMntFunction; });
     EXPECT_EQ((Lines{{1, kMntFunction, "Request to mount [/srv/other]."},
                      {1, kMntFunction, "[/srv/other] is not exported."}}),
-              log.Lines());
+              own);
     EXPECT_EQ("00000002 ", Hex(Reply(xdr_MNT3res, &result())));
     EXPECT_EQ("", Registry());
     EXPECT_EQ(1, Free_MNT3(&record_));
