@@ -3,11 +3,13 @@
 # Makes the Debian package and lives with it, in a clean Debian 12: it is installed with nothing but
 # what it depends on; then, in a machine of its own (user-mode-linux with systemd as its first
 # process), started, mounted, reloaded, killed, upgraded, removed and purged (machine.sh).
-#   package_test.sh BUILD_FOLDER
+#   package_test.sh BUILD_FOLDER [SCRIPT]
+# SCRIPT runs in the machine instead of machine.sh: capabilities.sh takes 5 minutes and shows what each
+# capability of the unit is for.
 # The clean system is made once and kept in BUILD_FOLDER/../package-test/root.tar.
 set -euo pipefail
 here=$(realpath "$(dirname "$0")") source=$(realpath "$(dirname "$0")/../..")
-build=$(realpath "$1")
+build=$(realpath "$1") script=${2:-machine.sh}
 cache=$(realpath "$build/..")/package-test
 export LC_ALL=C.UTF-8
 
@@ -100,14 +102,14 @@ quietly in_root "$root" apt-get install -q -y --no-install-recommends "${machine
 files_of "$root" >"$work/before"
 quietly in_root "$root" apt-get install -q -y --no-install-recommends /tmp/first.deb
 mkdir "$root/package-test" "$work/uml"
-cp "$here/machine.sh" "$here/lib.sh" "$root/package-test/"
+cp "$here/$script" "$here/lib.sh" "$root/package-test/"
 mv "$root/tmp/next.deb" "$root/package-test/next.deb"
-cat >"$root/etc/systemd/system/package-test.service" <<'UNIT'
+cat >"$root/etc/systemd/system/package-test.service" <<UNIT
 [Unit]
 After=multi-user.target
 [Service]
 Type=oneshot
-ExecStart=/bin/bash /package-test/machine.sh
+ExecStart=/bin/bash /package-test/$script
 StandardOutput=file:/package-test/output
 StandardError=inherit
 ExecStopPost=/bin/sh -c 'echo o >/proc/sysrq-trigger'
@@ -120,6 +122,7 @@ TMPDIR=$work timeout -k 10 600 unshare --pid --fork --kill-child --mount-proc \
 cat "$root/package-test/output"
 [[ -e "$root/package-test/done" ]] || { tail -n 50 "$work/kernel.log"; fail "in the machine"; }
 
+[[ "$script" == machine.sh ]] || exit 0
 step "looking for what is left"
 rm "$root/etc/systemd/system/package-test.service"
 files_of "$root" | diff "$work/before" - || fail "the purged package leaves something behind"
