@@ -3,7 +3,7 @@
 SHELL := /bin/bash
 .SHELLFLAGS := -eu -o pipefail -c
 .DEFAULT_GOAL := help
-.PHONY: help deps build run test asan tsan check integrity soak fuzz bench bench-scale package format clean
+.PHONY: help deps build run test asan tsan check integrity soak fuzz bench bench-scale dashboard package format clean
 
 DIR ?=
 PORT ?=
@@ -53,6 +53,9 @@ bench: deps ## Measure beside nfs-ganesha and write docs/benchmarks.md: 15 minut
 
 bench-scale: deps ## Measure with many connections, files and shares: 10 minutes
 	@scripts/bench.sh --scale
+
+dashboard: deps ## Draw the Grafana dashboard with real figures (docs/dashboard.png): 2 minutes
+	@scripts/dashboard.sh
 
 package: deps ## Make the Debian package (build/package)
 	@scripts/install-packages.sh package
