@@ -75,9 +75,9 @@ struct AccessExplanation {
 AccessExplanation ExplainAccess(const AccessGround& ground, const AccessQuestion& question);
 
 // The same with names in camelCase; what does not apply is null.
-nlohmann::json AccessExplanationJson(const AccessExplanation& explanation);
+nlohmann::json AccessExplanationJson(const AccessExplanation& told);
 
-// Why `path` is none of the shares and what to mount instead, in one sentence each.
+// Why the path is none of the shares and what to mount instead, in one sentence each.
 struct PathAdvice {
     std::string reason, remedy;
 };
@@ -85,7 +85,7 @@ struct SharePlace {
     std::string path;       // what clients mount
     std::string directory;  // empty where it is not known
 };
-PathAdvice AdviseOnPath(const std::string& path, const std::vector<SharePlace>& shares,
+PathAdvice AdviseOnPath(const std::string& requested, const std::vector<SharePlace>& shares,
                         const std::string& exportsFile);
 
 // "10.0.0.0/8(rw,insecure)", with the options that are not the default.

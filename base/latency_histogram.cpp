@@ -78,7 +78,8 @@ uint64_t LatencyReading::Percentile(double part) const {
 
 uint64_t LatencyReading::CountBelow(unsigned octave) const {
     uint64_t below = 0;
-    for (size_t i = 0; i <= (octave - kFirstOctave) * kStepsPerOctave; ++i) below += buckets[i];
+    const size_t last = size_t{octave - kFirstOctave} * kStepsPerOctave;
+    for (size_t i = 0; i <= last; ++i) below += buckets[i];
     return below;
 }
 
