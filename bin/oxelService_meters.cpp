@@ -73,9 +73,9 @@ void MeterReading::Add(const MeterReading& other) {
 size_t CallMeter::PlaceOf(int32_t outcome) {
     static_assert(kCallThrew == -1);
     if (outcome >= kCallThrew && outcome < static_cast<int32_t>(kSmall) - 1)
-        return static_cast<size_t>(outcome + 1);
+        return static_cast<size_t>(int64_t{outcome} + 1);
     if (outcome >= kFirstLargeStatus && outcome <= NFS3ERR_JUKEBOX)
-        return kSmall + static_cast<size_t>(outcome - kFirstLargeStatus);
+        return kSmall + static_cast<size_t>(int64_t{outcome} - kFirstLargeStatus);
     return kPlaces - 1;
 }
 
