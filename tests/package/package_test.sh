@@ -49,7 +49,7 @@ files_of() {
     sort)
 }
 
-# What the machine has besides the package, its libraries among it.
+# What the machine has besides the package and its libraries.
 machine_packages=(systemd-sysv nfs-common kmod netbase)
 if [[ ! -e "$cache/root.tar" ]]; then
   step "making a Debian system"
@@ -65,7 +65,7 @@ if [[ ! -e "$cache/root.tar" ]]; then
   cp /etc/resolv.conf "$work/new/etc/resolv.conf"
   # Downloaded once; installed in each run.
   quietly in_root "$work/new" apt-get install -q -y --no-install-recommends --download-only \
-    "${machine_packages[@]}" libtirpc3 libsodium23 liblmdb0
+    "${machine_packages[@]}"
   tar -C "$work/new" -cf "$work/root.tar" .
   mv "$work/root.tar" "$cache/root.tar"
   rm -rf "$work/new"
@@ -97,8 +97,10 @@ quietly in_root "$root" apt-get purge -q -y --autoremove oxelnfsd
 files_of "$root" | diff "$work/before" - || fail "the package leaves something behind"
 
 step "starting a machine"
+# The libraries that it needs belong to the machine: a purge of the package alone leaves them.
+mapfile -t libraries < <(dpkg-deb -f "$first" Depends | tr ',' '\n' | sed 's/(.*//; s/|.*//; s/ //g')
 quietly in_root "$root" apt-get install -q -y --no-install-recommends "${machine_packages[@]}" \
-  libtirpc3 libsodium23 liblmdb0
+  "${libraries[@]}"
 files_of "$root" >"$work/before"
 quietly in_root "$root" apt-get install -q -y --no-install-recommends /tmp/first.deb
 mkdir "$root/package-test" "$work/uml"
