@@ -33,6 +33,7 @@ static std::string Counted(size_t count, const char* one, const char* many) {
 namespace {
 
 // What a reload would do to the daemon that runs.
+// NOLINTNEXTLINE(bugprone-exception-escape): the text's move, which throws nothing
 struct Preview {
     bool running = false;
     json changes;      // null when there are none to tell

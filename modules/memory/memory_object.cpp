@@ -224,7 +224,7 @@ ssize_t MemoryObject::ReadLink(OxelCtxt*, const std::string&, char* buffer, size
         std::string target;
         if (const int error = tree_->ReadLink(*node_, &target); error != 0) return Fail(error);
         const size_t bytes = std::min(capacity, target.size());
-        memcpy(buffer, target.data(), bytes);
+        std::copy_n(target.data(), bytes, buffer);  // without a final zero, as readlink(2)
         return static_cast<ssize_t>(bytes);
     });
 }

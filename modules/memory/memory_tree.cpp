@@ -236,7 +236,7 @@ int Tree::Make(const Caller& who, Node& directory, const std::string& name, mode
     if (directory.removed) return ESTALE;
     if (!directory.IsDirectory()) return ENOTDIR;
     if (const int error = NameError(name); error != 0) return error;
-    if (directory.byName.count(name) != 0) return EEXIST;
+    if (directory.byName.contains(name)) return EEXIST;
     if (!May(who, directory, W_OK | X_OK)) return EACCES;
     NodePtr node = NewNode(who, mode);
     if (!node) return ENOSPC;
