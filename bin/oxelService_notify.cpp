@@ -31,7 +31,9 @@ constexpr uint64_t kSignsInTime = 4;
 
 XoEvent gLook;  // look now
 XoEvent gStoppingTold(true);
-std::atomic<bool> gNotifies{false}, gStopping{false};
+std::atomic<bool> gStopping{false};
+// Once it runs; never destroyed: it may outlive main()'s statics.
+std::atomic<XoThread*> gThread{nullptr};
 
 uint64_t Milliseconds() {
     return oxel::MonotonicNanoseconds() / 1'000'000;
@@ -116,9 +118,11 @@ std::string StatusLine(uint64_t callsPerSecond) {
 
 void StartNotifying() {
     if (!oxel::HasServiceManager()) return;
-    static auto* thread = new XoThread;  // never destroyed: it may outlive main()'s statics
-    gNotifies = thread->start("NOTIFY", Notify, nullptr);
-    if (!gNotifies) OXEL_LOG(-1, "Error: No thread for the service manager. [%s]", strerror(errno));
+    static auto* thread = new XoThread;
+    if (thread->start("NOTIFY", Notify, nullptr))
+        gThread = thread;
+    else
+        OXEL_LOG(-1, "Error: No thread for the service manager. [%s]", strerror(errno));
 }
 
 void RefreshStatusLine() {
@@ -126,8 +130,9 @@ void RefreshStatusLine() {
 }
 
 void StopNotifying(uint32_t milliseconds) {
-    if (!gNotifies) return;
+    XoThread* const thread = gThread;
+    if (thread == nullptr) return;
     gStopping = true;
     gLook.set();
-    (void)gStoppingTold.wait(milliseconds);  // else the manager finds out by itself
+    if (gStoppingTold.wait(milliseconds)) thread->join();  // else the manager finds out by itself
 }
