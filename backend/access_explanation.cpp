@@ -203,20 +203,20 @@ class Explainer {
         }
     }
 
+    // Follows "read-write" or "read-only".
     std::string IdsText(const ClientOptions& options) const {
         const ExplainedIds& ids = told_.ids;
         if (ids.uid && ids.gid)
-            return "as uid " + std::to_string(*ids.uid) + " gid " + std::to_string(*ids.gid);
-        if (ids.uid) return "as uid " + std::to_string(*ids.uid) + " with the group it has there";
-        if (!options.rootSquash) return "everybody as the uid and gid that they have there";
-        return "root as uid " + std::to_string(options.anonUid) + " gid " +
+            return " as uid " + std::to_string(*ids.uid) + " gid " + std::to_string(*ids.gid);
+        if (ids.uid) return " as uid " + std::to_string(*ids.uid) + " with the group it has there";
+        if (!options.rootSquash) return ": everybody as the uid and gid that they have there";
+        return ": root as uid " + std::to_string(options.anonUid) + " gid " +
                std::to_string(options.anonGid) + ", others as the uid and gid that they have there";
     }
 
     void Allow(const ShareConfig& share, const ClientRule& rule) {
         const bool portCounts = rule.options.secure && !told_.port;
-        told_.reason = std::string(rule.options.writable ? "read-write" : "read-only") + " " +
-                       IdsText(rule.options);
+        told_.reason = (rule.options.writable ? "read-write" : "read-only") + IdsText(rule.options);
         if (portCounts) {
             told_.reason += ", from ports below " + std::to_string(kUnprivilegedPortMin) + " only";
             told_.notes.push_back("The client's port must be below " +

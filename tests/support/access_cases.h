@@ -62,7 +62,7 @@ inline void PrintTo(const AccessCase& access, std::ostream* out) {
 inline std::vector<AccessCase> AccessCases(const std::string& root) {
     constexpr std::nullopt_t kNone = std::nullopt;
     const std::string squash =
-        "root as uid 65534 gid 65534, others as the uid and gid that they "
+        ": root as uid 65534 gid 65534, others as the uid and gid that they "
         "have there";
     const std::string below = ", from ports below 1024 only";
     const std::string as65534 = "as uid 65534 gid 65534";
@@ -72,8 +72,8 @@ inline std::vector<AccessCase> AccessCases(const std::string& root) {
     };
     return {
         // One rule for all.
-        {"127.0.0.1", "/srv/all", kNone, kNone, true, "read-write " + squash + below, "*", 1},
-        {"127.0.0.1", "/srv/all", 1023, kNone, true, "read-write " + squash, "*", 1},
+        {"127.0.0.1", "/srv/all", kNone, kNone, true, "read-write" + squash + below, "*", 1},
+        {"127.0.0.1", "/srv/all", 1023, kNone, true, "read-write" + squash, "*", 1},
         {"127.0.0.1", "/srv/all", 1024, kNone, false, unlike("1024", "*(rw)"), "*", 1},
         {"127.0.0.1", "/srv/all", 65535, 0, false, unlike("65535", "*(rw)"), "*", 1},
         {"::1", "/srv/all", 1, 0, true, "read-write " + as65534, "*", 1},
@@ -94,11 +94,11 @@ inline std::vector<AccessCase> AccessCases(const std::string& root) {
          2},
         {"::ffff:127.0.0.3", "/srv/mixed", kNone, kNone, true, "read-write as uid 99 gid 98",
          "127.0.0.3", 2},
-        {"::1", "/srv/mixed", 700, kNone, true, "read-only " + squash, "*", 2, true},
-        {"10.1.2.3", "/srv/mixed", kNone, kNone, true, "read-only " + squash + below, "*", 2, true},
+        {"::1", "/srv/mixed", 700, kNone, true, "read-only" + squash, "*", 2, true},
+        {"10.1.2.3", "/srv/mixed", kNone, kNone, true, "read-only" + squash + below, "*", 2, true},
         // Nobody is anybody else.
         {"127.0.0.1", "/srv/open", kNone, kNone, true,
-         "read-write everybody as the uid and gid that they have there", "*", 3},
+         "read-write: everybody as the uid and gid that they have there", "*", 3},
         {"127.0.0.1", "/srv/open", 50000, 0, true, "read-write as uid 0 gid 0", "*", 3},
         {"127.0.0.1", "/srv/open", kNone, 4294967295u, true,
          "read-write as uid 65534 with the group it has there", "*", 3},
@@ -142,7 +142,7 @@ inline std::vector<AccessCase> AccessCases(const std::string& root) {
         {"127.0.0.6", "/srv/equal", kNone, 0, false,
          "no client of share /srv/equal matches 127.0.0.6", nullptr},
         // No client may write.
-        {"127.0.0.1", "/srv/ro", 40000, kNone, true, "read-only " + squash, "*", 8, true},
+        {"127.0.0.1", "/srv/ro", 40000, kNone, true, "read-only" + squash, "*", 8, true},
         // Slashes that are too many mean nothing.
         {"127.0.0.1", "//srv///open//", kNone, 0, true, "read-write as uid 0 gid 0", "*", 3},
         {"127.0.0.1", "/data/deep/share/", kNone, 0, true, "read-write " + as65534, "*", 9},
