@@ -151,20 +151,18 @@ ClientAccount* EnterClient(const CLuIPAddr& address) {
         ClientRegistry& registry = Clients();
         std::string text = address.GetAddressString();
         XoCriticalSectionGuard lock(registry.mutex);
-        auto& account = registry.clients[text];
-        if (!account) {
-            try {
-                account = std::make_unique<ClientAccount>(text);
-            } catch (const std::bad_alloc&) {
-                registry.clients.erase(text);
-                return nullptr;
-            }
-        } else if (account->connections == 0) {
-            --registry.gone;
+        ClientAccount* account;
+        if (const auto known = registry.clients.find(text); known != registry.clients.end()) {
+            account = known->second.get();
+            if (account->connections == 0) --registry.gone;
+        } else {
+            auto made = std::make_unique<ClientAccount>(text);
+            account = made.get();
+            registry.clients.emplace(std::move(text), std::move(made));
         }
         ++account->connections;
         account->lastSeconds = oxel::CoarseSeconds();
-        return account.get();
+        return account;
     } catch (const std::bad_alloc&) {
         return nullptr;
     }

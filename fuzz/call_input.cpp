@@ -113,7 +113,8 @@ static void CheckRead(const std::string& arguments, const std::string& results) 
     const uint32_t count = WordAt(results, at), length = WordAt(results, at + 8);
     Demand(count == length, "READ's count is not its data's");
     Demand(count <= asked && count <= NFS3_MAXBUF_SIZE, "READ gives more than was asked for");
-    Demand(results.size() == at + 12 + (length + 3) / 4 * 4, "READ's reply has another length");
+    Demand(results.size() == at + 12 + (size_t{length} + 3) / 4 * 4,
+           "READ's reply has another length");
 }
 
 void CheckReply(const InputCall& call, const std::string& reply) {

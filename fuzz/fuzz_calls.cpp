@@ -94,7 +94,8 @@ class LibraryConnected : public Connected {
     }
     ~LibraryConnected() override {
         (void)shutdown(client_, SHUT_WR);
-        while (Alive()) svc_getreq_common(fd_);  // until the library has found the end
+        while (LibraryConnected::Alive())
+            svc_getreq_common(fd_);  // until the library has found the end
     }
     void Serve() override {
         if (Alive()) svc_getreq_common(fd_);
@@ -115,9 +116,9 @@ class Service {
         // Nothing of this host is read or written.
         std::string root = std::filesystem::temp_directory_path() / "oxel-fuzz-XXXXXX";
         Demand(mkdtemp(root.data()) != nullptr, "no directory");
-        setenv("OXEL_ROOT", root.c_str(), 1);
+        (void)setenv("OXEL_ROOT", root.c_str(), 1);
         XOPI_Focus::setFocus("Fuzz");
-        signal(SIGPIPE, SIG_IGN);
+        (void)signal(SIGPIPE, SIG_IGN);
         oxel::LogWriter::SetSink([](const oxel::LogRecord&) {});
         oxel::LogWriter::SetLevel(4);  // arguments of traces are evaluated too
         NFS3_MAXBUF_SIZE = kTransferBytes;

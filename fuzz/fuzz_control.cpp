@@ -40,10 +40,10 @@ constexpr const char* kOther = "Other";
 class Protocol {
   public:
     Protocol() {
-        signal(SIGPIPE, SIG_IGN);
+        (void)signal(SIGPIPE, SIG_IGN);
         std::string root = std::filesystem::temp_directory_path() / "oxel-fuzz-XXXXXX";
         Demand(mkdtemp(root.data()) != nullptr, "no directory");
-        setenv("OXEL_ROOT", root.c_str(), 1);
+        (void)setenv("OXEL_ROOT", root.c_str(), 1);
         XOPI_Focus::setFocus("Fuzz");
         oxel::LogWriter::SetSink([](const oxel::LogRecord&) {});
         Demand(freopen("/dev/null", "w", stdout) != nullptr, "no null device");

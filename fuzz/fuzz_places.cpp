@@ -40,7 +40,7 @@ class Places {
         store->Settle();
         std::ifstream file(directory_ + "/data.mdb", std::ios::binary);
         sound_.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-        Demand(sound_.size() > 3 * 4096);
+        Demand(sound_.size() > size_t{3} * 4096);
     }
     ~Places() { std::filesystem::remove_all(parent_); }
 

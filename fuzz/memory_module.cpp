@@ -22,7 +22,7 @@ namespace oxel::fuzz {
 
 void Demand(bool holds, const char* what) {
     if (holds) return;
-    fprintf(stderr, "DEMAND: %s\n", what);
+    (void)fprintf(stderr, "DEMAND: %s\n", what);
     abort();
 }
 
@@ -81,6 +81,11 @@ class MemoryExport : public Export {
     const uint32_t number_;
 };
 
+// Cut where the entry ends.
+void SetName(struct dirent* entry, const std::string& name) {
+    entry->d_name[name.copy(entry->d_name, sizeof entry->d_name - 1)] = '\0';
+}
+
 struct MemoryStream : DirStream {
     MemoryStream() { ++gStreams; }
     ~MemoryStream() override { --gStreams; }
@@ -121,7 +126,7 @@ class MemoryObject : public BkEndProc, public boost::enable_shared_from_this<Mem
         if (node_->IsDirectory()) return Refuse(EISDIR);
         if (!S_ISREG(node_->mode)) return Refuse(ELOOP);
         int fd = 3;
-        while (gOpen.count(fd) != 0) ++fd;
+        while (gOpen.contains(fd)) ++fd;
         gOpen[fd] = node_;
         return fd;
     }
@@ -183,7 +188,7 @@ class MemoryObject : public BkEndProc, public boost::enable_shared_from_this<Mem
         entry = {};
         if (stream->position < 2) {
             entry.d_ino = stream->node->number;
-            strcpy(entry.d_name, stream->position == 0 ? "." : "..");
+            SetName(&entry, stream->position == 0 ? "." : "..");
             ++stream->position;
             return &entry;
         }
@@ -191,7 +196,7 @@ class MemoryObject : public BkEndProc, public boost::enable_shared_from_this<Mem
         if (next == stream->node->entries.end()) return nullptr;
         stream->position = next->first;
         entry.d_ino = next->second.node->number;
-        strcpy(entry.d_name, next->second.name.c_str());
+        SetName(&entry, next->second.name);
         return &entry;
     }
     int64_t TellDir(OxelCtxt*, DirStream* stream) override {
@@ -232,7 +237,7 @@ class MemoryObject : public BkEndProc, public boost::enable_shared_from_this<Mem
         if (Fails()) return -1;
         if (!S_ISLNK(node_->mode)) return Refuse(EINVAL);
         const size_t bytes = std::min(capacity, node_->data.size());
-        memcpy(buffer, node_->data.data(), bytes);
+        std::copy_n(node_->data.data(), bytes, buffer);  // no final zero, as readlink(2)
         return static_cast<ssize_t>(bytes);
     }
     BkEndProcPtr CreateChild(OxelCtxt*, const std::string& name, int, mode_t mode) override {
@@ -404,7 +409,7 @@ std::map<uint32_t, ExportPtr>& Shares() {
 std::string AnyPathOf(const Node& directory, const std::string& path, const Node& node) {
     if (&directory == &node) return path;
     for (const auto& [place, entry] : directory.entries) {
-        const std::string below = path + "/" + entry.name;
+        std::string below = path + "/" + entry.name;
         if (entry.node.get() == &node) return below;
         if (!entry.node->IsDirectory()) continue;
         if (std::string found = AnyPathOf(*entry.node, below, node); !found.empty()) return found;
@@ -452,7 +457,7 @@ BkEndProcPtr MemoryModule::GetBkEndProc(ExportPtr& share, const nfs_fh3& handle)
     Demand(share != nullptr, "an object without a share");
     uint32_t words[2];
     memcpy(words, handle.objectId, sizeof words);
-    if (handle.nfh_len != 16 || ntohl(words[1]) != kMark || Shares().count(handle.shareId) == 0 ||
+    if (handle.nfh_len != 16 || ntohl(words[1]) != kMark || !Shares().contains(handle.shareId) ||
         handle.fsmType != TypeOf(handle.shareId))
         return BkEndProcPtr();
     const Tree& tree = gTrees[handle.shareId];

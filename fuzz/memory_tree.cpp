@@ -12,8 +12,7 @@ NodePtr Node::Find(const std::string& name) const {
     return place == places.end() ? nullptr : entries.at(place->second).node;
 }
 
-Tree::Tree() {
-    root_ = std::make_shared<Node>();
+Tree::Tree() : root_(std::make_shared<Node>()) {
     root_->number = next_++;
     root_->mode = S_IFDIR | 0777;
     root_->links = 1;
@@ -52,7 +51,7 @@ NodePtr Tree::Make(Node& directory, const std::string& name, mode_t mode) {
 }
 
 void Tree::Link(Node& directory, const std::string& name, const NodePtr& node) {
-    Demand(directory.places.count(name) == 0, "a name is made twice");
+    Demand(!directory.places.contains(name), "a name is made twice");
     directory.places[name] = directory.nextPlace;
     directory.entries[directory.nextPlace++] = {name, node};
     ++node->links;

@@ -49,7 +49,7 @@ class Copy : public testing::TestWithParam<Mode> {
         constexpr uintmax_t kBytes = 200 << 20;
         const std::string test = testing::UnitTest::GetInstance()->current_test_info()->name();
         std::error_code error;
-        if (test.find("ATree") != 0) return "";
+        if (!test.starts_with("ATree")) return "";
         if (std::filesystem::space(kMemory, error).available < kBytes || error) return "";
         std::string name = std::string(kMemory) + "/oxel_copy_XXXXXX";
         return mkdtemp(name.data()) != nullptr ? name : "";
