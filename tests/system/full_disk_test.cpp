@@ -332,7 +332,7 @@ class FullPlacesDisk : public FullStateDisk {
     void ExpectAllHandlesGood() {
         std::vector<std::thread> threads;
         for (unsigned n = 0; n < kClients; ++n) {
-            threads.emplace_back([&, n] {
+            threads.emplace_back([this] {
                 Session session(daemon_.Port());
                 std::vector<Session::Request> requests;
                 for (const auto& [name, handle] : handles_)
