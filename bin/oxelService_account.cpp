@@ -256,23 +256,45 @@ std::vector<ProcedureReading> ReadProcedures() {
     return all;
 }
 
-std::vector<ClientReading> ReadClients() {
-    // Who has calls in flight. A record may be given to another call while it is looked at: its
-    // client is compared with those that there are, and never followed.
-    struct InFlight {
-        uint32_t calls = 0;
-        uint64_t oldest = UINT64_MAX;
-    };
+std::map<uint32_t, std::string> ReadSharePaths() {
+    std::map<uint32_t, std::string> paths;
+    for (const ShareAccount* share : gShares.All()) paths[share->id] = share->path;
+    return paths;
+}
+
+namespace {
+
+struct InFlight {
+    uint32_t calls = 0;
+    uint64_t oldestNanoseconds = 0;  // its age
+};
+
+// Who has calls in flight. A record may be given to another call while it is looked at: its client
+// is to be compared with those that there are, and never followed.
+std::map<const ClientAccount*, InFlight> ReadInFlight() {
     std::map<const ClientAccount*, InFlight> inFlight;
+    const uint64_t now = oxel::MonotonicNanoseconds();
     for (const CallInfo3* call : gCallInfoPool.All()) {
         const uint64_t began = call->began.load(std::memory_order_relaxed);
         if (began == 0) continue;
         InFlight& one = inFlight[call->client.load(std::memory_order_relaxed)];
         ++one.calls;
-        one.oldest = std::min(one.oldest, began);
+        if (began < now) one.oldestNanoseconds = std::max(one.oldestNanoseconds, now - began);
     }
-    const uint64_t now = oxel::MonotonicNanoseconds();
+    return inFlight;
+}
 
+}  // namespace
+
+uint64_t ReadOldestCall() {
+    uint64_t oldest = 0;
+    for (const auto& [client, calls] : ReadInFlight())
+        oldest = std::max(oldest, calls.oldestNanoseconds);
+    return oldest;
+}
+
+std::vector<ClientReading> ReadClients() {
+    const std::map<const ClientAccount*, InFlight> inFlight = ReadInFlight();
     std::vector<ClientReading> all;
     ClientRegistry& registry = Clients();
     XoCriticalSectionGuard lock(registry.mutex);
@@ -282,7 +304,7 @@ std::vector<ClientReading> ReadClients() {
         reading.connections = account->connections;
         if (const auto found = inFlight.find(account.get()); found != inFlight.end()) {
             reading.callsInFlight = found->second.calls;
-            if (found->second.oldest < now) reading.oldestNanoseconds = now - found->second.oldest;
+            reading.oldestNanoseconds = found->second.oldestNanoseconds;
         }
         reading.shares = account->SharesUsed();
         reading.meter = account->meter.Read();

@@ -7,6 +7,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -84,6 +85,10 @@ struct ClientReading {
 
 // Only those that were called.
 std::vector<ProcedureReading> ReadProcedures();
+// The paths of all shares that were used, by id, as they were when the share was first used.
+std::map<uint32_t, std::string> ReadSharePaths();
 std::vector<ClientReading> ReadClients();
+// The age of the oldest call that is under way, in nanoseconds; 0 when there is none.
+uint64_t ReadOldestCall();
 // How often each reason rejected a call, under its name in JSON.
 std::array<std::pair<const char*, uint64_t>, kRejections> ReadRejections();

@@ -144,14 +144,12 @@ void AddConnections(Figures& figures) {
 }
 
 void AddClients(Figures& figures, bool perClient) {
-    const std::vector<ClientReading> clients = ReadClients();
-    uint64_t oldest = 0;
-    for (const ClientReading& one : clients) oldest = std::max(oldest, one.oldestNanoseconds);
     figures.Gauge("clients", "Addresses that have connections.", ConnectedClients());
     figures.Begin("oldest_call_seconds", "Age of the oldest call that is under way.",
                   MetricType::Gauge);
-    figures.Add({}, Seconds(oldest));
+    figures.Add({}, Seconds(ReadOldestCall()));
     if (!perClient) return;
+    const std::vector<ClientReading> clients = ReadClients();
     const auto add = [&](const char* name, const char* help, auto value) {
         figures.Begin(name, help, MetricType::Counter);
         for (const ClientReading& one : clients)

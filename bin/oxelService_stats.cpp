@@ -10,6 +10,7 @@
 #include "bin/oxelService_account.h"
 #include "bin/oxelService_callinfo.h"
 #include "companion/PellService.h"
+#include "companion/latency_figures.h"
 
 using nlohmann::json;
 using oxel::ControlReply;
@@ -21,23 +22,10 @@ double Microseconds(uint64_t nanoseconds) {
     return std::round(static_cast<double>(nanoseconds) / 100) / 10;
 }
 
-// Pairs of a bucket's number and its count, for those who want to take an earlier reading off.
-json Buckets(const oxel::LatencyReading& latency) {
-    json buckets = json::array();
-    for (size_t i = 0; i < oxel::LatencyReading::kBuckets; ++i)
-        if (latency.buckets[i] != 0) buckets.push_back({i, latency.buckets[i]});
-    return buckets;
-}
-
 void AddLatency(const oxel::LatencyReading& latency, bool withBuckets, json* entry) {
-    (*entry)["meanMicroseconds"] = Microseconds(latency.Mean());
-    (*entry)["p50Microseconds"] = Microseconds(latency.Percentile(0.5));
-    (*entry)["p95Microseconds"] = Microseconds(latency.Percentile(0.95));
-    (*entry)["p99Microseconds"] = Microseconds(latency.Percentile(0.99));
-    (*entry)["maxMicroseconds"] = Microseconds(latency.nanosecondsMax);
-    if (!withBuckets) return;
-    (*entry)["totalNanoseconds"] = latency.nanoseconds;
-    (*entry)["buckets"] = Buckets(latency);
+    for (const oxel::LatencyFigure& figure : oxel::kLatencyFigures)
+        (*entry)[figure.member] = Microseconds(figure.nanoseconds(latency));
+    if (withBuckets) oxel::AddLatencyBuckets(latency, entry);
 }
 
 void AddMeter(const MeterReading& meter, bool withBuckets, json* entry) {
@@ -114,8 +102,7 @@ ControlReply Stats(const json& request) {
 }
 
 ControlReply Clients(const json&) {
-    std::map<uint32_t, std::string> paths;
-    for (const ProcedureReading& one : ReadProcedures()) paths[one.shareId] = one.sharePath;
+    const std::map<uint32_t, std::string> paths = ReadSharePaths();
     ControlReply reply;
     json& clients = reply.body["clients"] = json::array();
     for (const ClientReading& one : ReadClients()) {

@@ -47,6 +47,10 @@ void PrintJson(const json& value) {
     printf("%s\n", value.dump(-1, ' ', false, json::error_handler_t::replace).c_str());
 }
 
+json ErrorEntry(const std::string& file, int line, const std::string& reason) {
+    return {{"file", file}, {"line", line}, {"reason", reason}};
+}
+
 std::string ErrorLine(const json& error) {
     const auto line = error.find("line");
     std::string text = Shown(error, "file") + ":";

@@ -20,6 +20,8 @@ using Show = std::function<void(const nlohmann::json& body)>;
 
 void PrintJson(const nlohmann::json& value);
 
+// One member of a list of errors; line 0: the whole file.
+nlohmann::json ErrorEntry(const std::string& file, int line, const std::string& reason);
 // "file:line: reason" of one member of a list of errors; without the line where that is 0.
 std::string ErrorLine(const nlohmann::json& error);
 

@@ -22,10 +22,6 @@ using nlohmann::json;
 // The daemon may have name servers to ask.
 static constexpr unsigned kPreviewMs = 60000;
 
-static json ErrorEntry(const std::string& file, int line, const std::string& reason) {
-    return {{"file", file}, {"line", line}, {"reason", reason}};
-}
-
 static std::string Counted(size_t count, const char* one, const char* many) {
     return std::to_string(count) + " " + (count == 1 ? one : many);
 }

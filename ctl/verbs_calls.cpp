@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "base/latency_histogram.h"
 #include "base/log.h"
+#include "companion/latency_figures.h"
 #include "ctl/ask.h"
 #include "ctl/output.h"
 
@@ -75,23 +75,6 @@ std::string NameOf(const Grouping& grouping, const json& entry) {
 
 // ---- Differences ----
 
-// The latencies of an entry that has its buckets.
-LatencyReading LatencyOf(const json& entry) {
-    LatencyReading reading;
-    reading.nanoseconds = Number(entry, "totalNanoseconds");
-    reading.nanosecondsMax = static_cast<uint64_t>(Real(entry, "maxMicroseconds") * 1000);
-    if (const auto buckets = entry.find("buckets"); buckets != entry.end() && buckets->is_array()) {
-        for (const json& bucket : *buckets) {
-            if (!bucket.is_array() || bucket.size() != 2 || !bucket[0].is_number_unsigned() ||
-                !bucket[1].is_number_unsigned() || bucket[0] >= LatencyReading::kBuckets)
-                continue;
-            reading.buckets[bucket[0].get<size_t>()] = bucket[1];
-            reading.count += bucket[1].get<uint64_t>();
-        }
-    }
-    return reading;
-}
-
 // The entry of `list` that is called as `entry` is; an empty one when there is none.
 json Counterpart(const std::vector<json>& list, const Grouping& grouping, const json& entry) {
     for (const json& one : list)
@@ -106,10 +89,10 @@ void TakeOff(const json& earlier, const char* member, json* entry) {
     (*entry)[member] = now < before ? now : now - before;  // a daemon that was started anew
 }
 
-// Makes `entry` what has come since `earlier`.
+// Makes `entry` what has come since `earlier`, without the buckets that tell.
 void Since(const json& earlier, json* entry) {
-    LatencyReading latency = LatencyOf(*entry);
-    const LatencyReading before = LatencyOf(earlier);
+    LatencyReading latency = LatencyWithBuckets(*entry);
+    const LatencyReading before = LatencyWithBuckets(earlier);
     if (before.count <= latency.count) latency.Subtract(before);
     for (const char* member : {"calls", "bytesRead", "bytesWritten"})
         TakeOff(earlier, member, entry);
@@ -120,14 +103,9 @@ void Since(const json& earlier, json* entry) {
         for (const auto& [status, count] : errors->items())
             TakeOff(earlierErrors, status.c_str(), &*errors);
     }
-    const auto microseconds = [](uint64_t nanoseconds) {
-        return static_cast<double>(nanoseconds) / 1000;
-    };
-    (*entry)["meanMicroseconds"] = microseconds(latency.Mean());
-    (*entry)["p50Microseconds"] = microseconds(latency.Percentile(0.5));
-    (*entry)["p95Microseconds"] = microseconds(latency.Percentile(0.95));
-    (*entry)["p99Microseconds"] = microseconds(latency.Percentile(0.99));
-    (*entry)["maxMicroseconds"] = microseconds(latency.nanosecondsMax);
+    for (const LatencyFigure& figure : kLatencyFigures)
+        (*entry)[figure.member] = static_cast<double>(figure.nanoseconds(latency)) / 1000;
+    RemoveLatencyBuckets(entry);
 }
 
 // ---- Tables ----
@@ -136,14 +114,13 @@ void ShowStats(const Grouping& grouping, const std::vector<json>& entries) {
     std::vector<std::vector<std::string>> rows;
     for (const json& entry : entries) {
         if (Number(entry, "calls") == 0) continue;
-        rows.push_back({NameOf(grouping, entry), Shown(entry, "calls"),
-                        ShownBytes(Number(entry, "bytesRead")),
-                        ShownBytes(Number(entry, "bytesWritten")),
-                        ShownMicroseconds(Real(entry, "meanMicroseconds")),
-                        ShownMicroseconds(Real(entry, "p50Microseconds")),
-                        ShownMicroseconds(Real(entry, "p95Microseconds")),
-                        ShownMicroseconds(Real(entry, "p99Microseconds")),
-                        ShownMicroseconds(Real(entry, "maxMicroseconds")), ErrorsText(entry)});
+        std::vector<std::string> row = {NameOf(grouping, entry), Shown(entry, "calls"),
+                                        ShownBytes(Number(entry, "bytesRead")),
+                                        ShownBytes(Number(entry, "bytesWritten"))};
+        for (const LatencyFigure& figure : kLatencyFigures)
+            row.push_back(ShownMicroseconds(Real(entry, figure.member)));
+        row.push_back(ErrorsText(entry));
+        rows.push_back(std::move(row));
     }
     if (rows.empty()) {
         printf("No calls.\n");
@@ -175,29 +152,26 @@ const Grouping& GroupingOf(const Settings& settings) {
 // Once a second what has come in that second, until the tool or the daemon ends.
 ExitCode Watch(const Settings& settings, const Grouping& grouping) {
     const json request = {{"verb", "stats"}, {"buckets", true}};
-    Settings asJson = settings;
-    asJson.json = false;  // the differences are printed here
+    Settings quiet = settings;
+    quiet.json = false;  // a daemon that has ended is no line of figures
     std::vector<json> before;
     for (bool first = true;; first = false) {
-        const ExitCode code = Ask(asJson, request, kAnswerMs, [&](const json& body) {
-            std::vector<json> now = Listed(body, grouping.list), shown = now;
-            for (json& entry : shown) {
-                Since(Counterpart(before, grouping, entry), &entry);
-                entry.erase("buckets");
-                entry.erase("totalNanoseconds");
-            }
-            before = std::move(now);
-            if (first) return;  // all since the daemon's start is no second
-            if (settings.json) {
-                PrintJson({{grouping.list, shown}});
-            } else {
-                if (isatty(STDOUT_FILENO) != 0) printf("\033[H\033[2J");
-                ShowStats(grouping, shown);
-                printf("\n");
-            }
-            (void)fflush(stdout);
-        });
-        if (code != kDone) return code;
+        json body;
+        if (const ExitCode code = Request(quiet, request, kAnswerMs, &body); code != kDone)
+            return code;
+        const std::vector<json> now = Listed(body, grouping.list);
+        std::vector<json> shown = now;
+        for (json& entry : shown) Since(Counterpart(before, grouping, entry), &entry);
+        before = now;
+        // All since the daemon's start is no second.
+        if (!first && settings.json) {
+            PrintJson({{grouping.list, shown}});
+        } else if (!first) {
+            if (isatty(STDOUT_FILENO) != 0) printf("\033[H\033[2J");
+            ShowStats(grouping, shown);
+            printf("\n");
+        }
+        (void)fflush(stdout);
         const timespec pause{kWatchSeconds, 0};
         (void)nanosleep(&pause, nullptr);
     }

@@ -76,7 +76,7 @@ ExitCode AskFile(const Settings& settings, const AccessQuestion& question, json*
         ExplainAccess({std::move(exports.shares), file, std::nullopt}, question));
     json errors = json::array();
     for (const ExportsError& error : exports.errors)
-        errors.push_back({{"file", error.file}, {"line", error.line}, {"reason", error.reason}});
+        errors.push_back(ErrorEntry(error.file, error.line, error.reason));
     (*body)["errors"] = std::move(errors);
     return kDone;
 }
