@@ -107,8 +107,8 @@ PathAdvice AdviseOnPath(const std::string& requested, const std::vector<SharePla
     for (const SharePlace& share : shares)
         if (share.path == "/" && IsBelow(path, "/", &rest))
             return {no + ", it lies below share /", "mount / instead; there it is " + rest};
-    return {no + "", "mount one of the shares that oxelctl exports shows, or write " + requested +
-                         " into " + exportsFile + " and run oxelctl reload"};
+    return {no, "mount one of the shares that oxelctl exports shows, or write " + requested +
+                    " into " + exportsFile + " and run oxelctl reload"};
 }
 
 }  // namespace oxel

@@ -29,23 +29,24 @@ UniqueFd ConnectTo(const char* address, uint16_t port) {
     return fd;
 }
 
-// A port that nobody has now.
-uint16_t FreePort() {
-    const UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+// A socket at a port that nobody had, for as long as it lives.
+UniqueFd TakePort(uint16_t* port) {
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
     EXPECT_EQ(bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     EXPECT_EQ(getsockname(fd.Get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
-    return ntohs(address.sin_port);
+    *port = ntohs(address.sin_port);
+    return fd;
 }
 
 class Metrics : public WireTest {
   protected:
     void SetUp() override {}  // each test has its own settings
     void StartWithMetrics(const std::string& more = "") {
-        port_ = FreePort();
+        (void)TakePort(&port_);  // and let go at once
         StartDaemon("nMetricsPort = " + std::to_string(port_) + "\n" + more);
     }
     // All that comes for a request, head and body.
@@ -192,15 +193,9 @@ TEST_P(Metrics, ThoseWhoConnectAndSayNothingHoldNobodyUp) {
 }
 
 TEST_P(Metrics, PortThatIsTakenIsToldAndTheDaemonServes) {
-    const UniqueFd taken(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(bind(taken.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    const UniqueFd taken = TakePort(&port_);
     ASSERT_EQ(listen(taken.Get(), 1), 0);
-    ASSERT_EQ(getsockname(taken.Get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
-    const std::string port = std::to_string(ntohs(address.sin_port));
+    const std::string port = std::to_string(port_);
     StartDaemon("nMetricsPort = " + port + "\n");
     EXPECT_TRUE(
         daemon_.LogHas("Error: No metrics at [127.0.0.1:" + port + "]. [Address already in use]"));
